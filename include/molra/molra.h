@@ -1,0 +1,71 @@
+// The recording store of a multi-channel digital video recorder.
+//
+// A host makes a CMOLRA, lays out a store with CreateFS, opens it for
+// recording or playback and calls it. Everything on disk is in UTC; the
+// host speaks local time at most read and query operations.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "molra/platform.h"
+#include "molra/records.h"
+#include "molra/types.h"
+
+class CFsFile;
+class CFsIndex;
+
+class CMOLRA {
+ public:
+  CMOLRA();
+  // A copy shares the original's open files, catalogue records and clock:
+  // whichever object lets go of them last releases them, once.
+  CMOLRA(const CMOLRA& other);
+  CMOLRA& operator=(const CMOLRA& other);
+  virtual ~CMOLRA();
+
+  // Host hooks. OnCreatingFS is asked before each new basket is made
+  // (ordinal from 1 within one CreateFS) and refuses with 0.
+  virtual int OnCreatingFS(char* path, DWORD ordinal);
+  virtual void OnReadingData(_tagCHUNKHDR* header);
+
+  // Catalogue.
+  LONG CreateFS(_tagBSKLOC* locations, DWORD count);
+  void CallLoadFSinfo();
+  _tagFSHDR* GetFSInfo();  // the head in memory itself, not a copy
+  int IsFullBasket();
+  int GetIFrame(int channel);
+  void SetIFrame(int channel);
+  LONG GetBaksetFirst(LONG basket, _tagCHUNKHDR* header, unsigned char** data);
+  LONG GetBaksetLast(LONG basket, _tagCHUNKHDR* header, unsigned char** data);
+
+  // The rows of a quick-search day file in memory.
+  _tagSTIROW m_SaveTime[16];
+
+ protected:
+  using BasketList = std::vector<_tagFSBSKINFO>;
+
+  LONG LoadFSInfo(LONG unused);
+  LONG SaveFSInfo(LONG basket);  // -1: the head and every record
+  LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
+
+  // The catalogue record of basket n; nullptr when n names none.
+  _tagFSBSKINFO* Basket(DWORD n);
+
+  DWORD m_bFull;
+  DWORD m_bIFrame[16];
+  DWORD m_dwFill;
+  std::atomic<LONG> m_lExit;
+  std::shared_ptr<CFsIndex> m_pIndex;
+  std::shared_ptr<CFsFile> m_pData;
+  std::shared_ptr<CFsFile> m_pTable;
+  _tagFSHDR m_FsHdr;
+  std::shared_ptr<BasketList> m_ppBasket;  // null: no catalogue in memory
+  _tagDATAHDR m_DataHdr;
+  LONG m_nMode;
+  LONG m_nOpenBasket;
+  SYSTEMTIME m_LastSaved[16];
+  SYSTEMTIME m_stLastRead;
+  BYTE m_ChanHits[32];
+};

@@ -1,0 +1,108 @@
+// The platform types that the store's interface is written in.
+//
+// The store was born on a platform whose `long` is 32 bits wide. Every
+// number that crosses a buffer or a file is therefore spelled with the
+// fixed-width names below, so that sizes and unsigned wrap-around stay
+// exactly as the on-disk formats expect on any compiler.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+typedef std::uint8_t BYTE;
+typedef std::uint16_t WORD;
+typedef std::uint32_t DWORD;
+typedef std::int32_t LONG;
+typedef std::uint16_t WCHAR;  // UTF-16 code unit, as in the zone record
+
+static_assert(sizeof(BYTE) == 1 && sizeof(WORD) == 2, "fixed widths");
+static_assert(sizeof(DWORD) == 4 && sizeof(LONG) == 4, "fixed widths");
+
+// A stamp: eight unsigned 16-bit fields, 16 bytes.
+typedef struct _SYSTEMTIME {
+  WORD wYear;
+  WORD wMonth;
+  WORD wDayOfWeek;
+  WORD wDay;
+  WORD wHour;
+  WORD wMinute;
+  WORD wSecond;
+  WORD wMilliseconds;
+} SYSTEMTIME;
+
+static_assert(sizeof(SYSTEMTIME) == 16, "SYSTEMTIME is 16 bytes");
+
+// The zone record in its recurring form: bias in minutes west of UTC, and
+// the rule dates of the two changes (month, week 1 to 5 in wDay, hour).
+typedef struct _TIME_ZONE_INFORMATION {
+  LONG Bias;
+  WCHAR StandardName[32];
+  SYSTEMTIME StandardDate;
+  LONG StandardBias;
+  WCHAR DaylightName[32];
+  SYSTEMTIME DaylightDate;
+  LONG DaylightBias;
+} TIME_ZONE_INFORMATION;
+
+static_assert(sizeof(TIME_ZONE_INFORMATION) == 172, "zone record is 172 bytes");
+static_assert(offsetof(TIME_ZONE_INFORMATION, StandardDate) == 68, "zone layout");
+static_assert(offsetof(TIME_ZONE_INFORMATION, DaylightBias) == 168, "zone layout");
+
+// Minimal text string, as the interface needs it.
+class CString {
+ public:
+  CString() = default;
+  CString(const char* text) : m_str(text ? text : "") {}  // NOLINT: implicit like the original
+  CString(const std::string& text) : m_str(text) {}        // NOLINT
+
+  int GetLength() const { return static_cast<int>(m_str.size()); }
+  bool IsEmpty() const { return m_str.empty(); }
+  void Empty() { m_str.clear(); }
+  operator const char*() const { return m_str.c_str(); }  // NOLINT
+  const std::string& Str() const { return m_str; }
+
+  CString& operator=(const char* text) {
+    m_str = text ? text : "";
+    return *this;
+  }
+  CString& operator+=(const char* text) {
+    m_str += text ? text : "";
+    return *this;
+  }
+  bool operator==(const char* text) const { return m_str == (text ? text : ""); }
+  bool operator!=(const char* text) const { return !(*this == text); }
+
+ private:
+  std::string m_str;
+};
+
+// A whole count of seconds since the Unix epoch.
+class CTime {
+ public:
+  CTime() = default;
+  explicit CTime(std::int64_t seconds) : m_time(seconds) {}
+
+  std::int64_t GetTime() const { return m_time; }
+  bool operator==(const CTime& other) const { return m_time == other.m_time; }
+  bool operator!=(const CTime& other) const { return m_time != other.m_time; }
+  bool operator<(const CTime& other) const { return m_time < other.m_time; }
+  bool operator<=(const CTime& other) const { return m_time <= other.m_time; }
+  bool operator>(const CTime& other) const { return m_time > other.m_time; }
+  bool operator>=(const CTime& other) const { return m_time >= other.m_time; }
+
+ private:
+  std::int64_t m_time = 0;
+};
+
+// A window of the host. The store only ever sets its text (a progress
+// figure); the default keeps the text so that a host can read it back.
+class CWnd {
+ public:
+  virtual ~CWnd() = default;
+  virtual void SetWindowText(const char* text) { m_strText = text ? text : ""; }
+  CString GetWindowText() const { return m_strText; }
+
+ private:
+  std::string m_strText;
+};

@@ -1,0 +1,40 @@
+// The file wrapper through which the store does its disk work: opens with
+// retries on a sharing violation, exact reads and writes, 32-bit seeks,
+// and preallocated files of a fixed size.
+#pragma once
+
+#include <memory>
+
+#include "molra/types.h"
+#include "platform/env.h"
+
+class CFsFile {
+ public:
+  // Access modes of Open.
+  enum : int { kModeRead = 0, kModeWrite = 1, kModeReadWrite = 2 };
+
+  CFsFile() = default;
+  virtual ~CFsFile();
+  CFsFile(const CFsFile&) = delete;
+  CFsFile& operator=(const CFsFile&) = delete;
+
+  int IsOpen() const { return m_hFile != nullptr; }
+  // Mode 2 reads and writes, 1 writes, anything else reads. The file is
+  // shared with every other reader and writer and made if absent. Does
+  // not close what the object holds.
+  int Open(char const* path, int mode);
+  int Close();
+  // 1 only when exactly `count` bytes moved.
+  int Read(void* buffer, DWORD count);
+  int Write(const void* buffer, DWORD count);
+  // Origin 0 start, 1 end, 2 current position. 1 only when the new
+  // position equals `offset`.
+  int Seek(DWORD offset, int origin);
+  DWORD GetSize();
+  // Opens or makes the file and sets its length without writing; the file
+  // stays open with the position at `size`.
+  int CreateSized(char const* path, DWORD size);
+
+ protected:
+  std::unique_ptr<molra::platform::File> m_hFile;  // null: no file open
+};

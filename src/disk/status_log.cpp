@@ -1,0 +1,39 @@
+#include "disk/status_log.h"
+
+#include <cstdio>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/env.h"
+
+namespace platform = molra::platform;
+
+namespace {
+
+constexpr DWORD kLogLimit = 10485760;  // 10 MiB
+
+}  // namespace
+
+namespace molra {
+
+void AppendLogLine(char const* logPath, char const* text) {
+  SYSTEMTIME now;
+  platform::GetLocalTime(&now);
+  platform::Env* env = platform::CurrentEnv();
+  if (auto log = env->OpenFile(logPath, platform::Access::kRead, platform::kShareReadWrite,
+                               platform::Disposition::kOpenAlways)) {
+    const DWORD size = log->Size();
+    log->Close();
+    if (size != platform::kInvalidFileSize && size >= kLogLimit) env->DeleteFile(logPath);
+  }
+  char stamp[64];
+  std::snprintf(stamp, sizeof stamp, " %u:%u:%u - %u:%u:%u\n", now.wYear, now.wMonth,
+                now.wDay, now.wHour, now.wMinute, now.wSecond);
+  const std::string line = std::string(text ? text : "") + stamp;
+  // A line that cannot be written (no log directory yet) is lost.
+  env->AppendText(logPath, line.c_str());
+}
+
+}  // namespace molra
+
+void FsStatusLog(char const* text) { molra::AppendLogLine("c:\\FSDIR\\status.dat", text); }

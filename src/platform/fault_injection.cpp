@@ -1,0 +1,136 @@
+#include "platform/fault_injection.h"
+
+namespace molra {
+namespace platform {
+namespace {
+
+class FaultyFile final : public File {
+ public:
+  FaultyFile(std::unique_ptr<File> target, FaultInjectionEnv* env)
+      : m_target(std::move(target)), m_env(env) {}
+
+  bool Read(void* buffer, DWORD count, DWORD* done) override {
+    return m_target->Read(buffer, count, done);
+  }
+  bool Write(const void* buffer, DWORD count, DWORD* done) override {
+    if (m_env->WriteFails()) {
+      *done = 0;
+      SetLastError(kErrorWriteFault);
+      return false;
+    }
+    return m_target->Write(buffer, count, done);
+  }
+  DWORD Seek(LONG distance, DWORD origin) override {
+    return m_target->Seek(distance, origin);
+  }
+  bool SetEnd() override {
+    if (m_env->ChangesFail()) {
+      SetLastError(kErrorWriteFault);
+      return false;
+    }
+    return m_target->SetEnd();
+  }
+  DWORD Size() override { return m_target->Size(); }
+  bool Flush() override { return m_target->Flush(); }
+  bool Close() override {
+    DWORD error = 0;
+    if (m_env->CloseFails(&error)) {
+      SetLastError(error);
+      return false;
+    }
+    return m_target->Close();
+  }
+
+ private:
+  std::unique_ptr<File> m_target;
+  FaultInjectionEnv* m_env;
+};
+
+}  // namespace
+
+void FaultInjectionEnv::FailWriteAt(DWORD n) {
+  Reset();
+  m_failAt = n;
+}
+
+void FaultInjectionEnv::CutPowerAtWrite(DWORD n) {
+  Reset();
+  m_cutAt = n;
+}
+
+void FaultInjectionEnv::FailCloses(DWORD count, DWORD error) {
+  m_closeError = error;
+  m_closeFailures = count;
+}
+
+void FaultInjectionEnv::Reset() {
+  m_writes = 0;
+  m_failAt = 0;
+  m_cutAt = 0;
+  m_powerCut = false;
+  m_closeFailures = 0;
+}
+
+bool FaultInjectionEnv::WriteFails() {
+  const DWORD n = ++m_writes;
+  if (m_cutAt != 0 && n >= m_cutAt) m_powerCut = true;
+  return m_powerCut || n == m_failAt;
+}
+
+bool FaultInjectionEnv::CloseFails(DWORD* error) {
+  DWORD left = m_closeFailures.load();
+  while (left > 0) {
+    if (m_closeFailures.compare_exchange_weak(left, left - 1)) {
+      *error = m_closeError;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::unique_ptr<File> FaultInjectionEnv::OpenFile(const char* path, Access access,
+                                                  unsigned share,
+                                                  Disposition disposition) {
+  if (ChangesFail() && disposition == Disposition::kCreateAlways) {
+    SetLastError(kErrorWriteFault);
+    return nullptr;
+  }
+  std::unique_ptr<File> file = m_target->OpenFile(path, access, share, disposition);
+  if (!file) return nullptr;
+  return std::unique_ptr<File>(new FaultyFile(std::move(file), this));
+}
+
+bool FaultInjectionEnv::DeleteFile(const char* path) {
+  if (ChangesFail()) {
+    SetLastError(kErrorWriteFault);
+    return false;
+  }
+  return m_target->DeleteFile(path);
+}
+
+bool FaultInjectionEnv::CreateDirectory(const char* path) {
+  if (ChangesFail()) {
+    SetLastError(kErrorWriteFault);
+    return false;
+  }
+  return m_target->CreateDirectory(path);
+}
+
+bool FaultInjectionEnv::SetFileAttributes(const char* path, DWORD attributes) {
+  if (ChangesFail()) {
+    SetLastError(kErrorWriteFault);
+    return false;
+  }
+  return m_target->SetFileAttributes(path, attributes);
+}
+
+bool FaultInjectionEnv::AppendText(const char* path, const char* text) {
+  if (ChangesFail()) {
+    SetLastError(kErrorWriteFault);
+    return false;
+  }
+  return m_target->AppendText(path, text);
+}
+
+}  // namespace platform
+}  // namespace molra

@@ -1,0 +1,106 @@
+#include "platform/posix_paths.h"
+
+#include <dirent.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cerrno>
+
+#include "platform/settings.h"
+
+namespace molra {
+namespace platform {
+namespace {
+
+bool IsSeparator(char c) { return c == '\\' || c == '/'; }
+
+// Makes `dir` and its parents, like `mkdir -p`.
+void MakeDirectories(const std::string& dir) {
+  for (size_t i = 1; i <= dir.size(); ++i) {
+    if (i == dir.size() || dir[i] == '/') {
+      const std::string part = dir.substr(0, i);
+      if (::mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) return;
+    }
+  }
+}
+
+// The name of the entry of `dir` that equals `component` but for case,
+// with *exists true; `component` itself and false when there is none.
+std::string MatchEntry(const std::string& dir, const std::string& component,
+                       bool* exists) {
+  struct stat st;
+  *exists = true;
+  const std::string exact = dir + "/" + component;
+  if (::lstat(exact.c_str(), &st) == 0) return component;
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (struct dirent* entry = ::readdir(d)) {
+      if (::strcasecmp(entry->d_name, component.c_str()) == 0) {
+        std::string found = entry->d_name;
+        ::closedir(d);
+        return found;
+      }
+    }
+    ::closedir(d);
+  }
+  *exists = false;
+  return component;
+}
+
+}  // namespace
+
+std::string ResolvePath(const char* path) {
+  std::string result;
+  const char* rest = path;
+  if (std::isalpha(static_cast<unsigned char>(path[0])) && path[1] == ':') {
+    result = DriveRoot(path[0]);
+    while (result.size() > 1 && result.back() == '/') result.pop_back();
+    struct stat st;
+    if (::stat(result.c_str(), &st) != 0) MakeDirectories(result);
+    rest = path + 2;
+  } else {
+    result = ".";
+  }
+
+  bool parentExists = true;
+  const char* p = rest;
+  while (*p) {
+    while (IsSeparator(*p)) ++p;
+    const char* start = p;
+    while (*p && !IsSeparator(*p)) ++p;
+    if (p == start) break;
+    std::string component(start, p);
+    if (parentExists && component != "." && component != "..") {
+      component = MatchEntry(result, component, &parentExists);
+    }
+    result += "/" + component;
+  }
+  return result;
+}
+
+bool MatchesPattern(const char* pattern, const char* name) {
+  // Iterative wildcard match with one backtrack point.
+  const char* star = nullptr;
+  const char* resume = nullptr;
+  while (*name) {
+    if (*pattern == '*') {
+      star = pattern++;
+      resume = name;
+    } else if (*pattern == '?' ||
+               std::tolower(static_cast<unsigned char>(*pattern)) ==
+                   std::tolower(static_cast<unsigned char>(*name))) {
+      ++pattern;
+      ++name;
+    } else if (star) {
+      pattern = star + 1;
+      name = ++resume;
+    } else {
+      return false;
+    }
+  }
+  while (*pattern == '*') ++pattern;
+  return *pattern == '\0';
+}
+
+}  // namespace platform
+}  // namespace molra

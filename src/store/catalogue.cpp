@@ -1,0 +1,107 @@
+// The catalogue "C:\FSDIR\MOLRA.CFT": loading it into memory and writing
+// it back.
+#include <cstdio>
+#include <new>
+
+#include "disk/fs_file.h"
+#include "disk/status_log.h"
+#include "molra/molra.h"
+#include "platform/env.h"
+#include "store/store_files.h"
+
+namespace platform = molra::platform;
+
+namespace {
+
+void MakeHomeDir() {
+  platform::Env* env = platform::CurrentEnv();
+  if (!env->Exists(molra::kHomeDir)) env->CreateDirectory(molra::kHomeDir);
+}
+
+}  // namespace
+
+void CMOLRA::CallLoadFSinfo() { LoadFSInfo(-1); }
+
+LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
+  MakeHomeDir();
+  platform::Env* env = platform::CurrentEnv();
+  if (env->Exists(molra::kCatalogPath)) {
+    const DWORD attributes = env->GetFileAttributes(molra::kCatalogPath);
+    if (attributes != platform::kInvalidFileAttributes &&
+        (attributes & platform::kFileAttributeHidden) == 0) {
+      env->SetFileAttributes(molra::kCatalogPath, attributes | platform::kFileAttributeHidden);
+    }
+  }
+
+  CFsFile file;
+  if (!file.Open(molra::kCatalogPath, CFsFile::kModeReadWrite)) {
+    molra::SetDefaultHead(&m_FsHdr);
+    return FS_ERR_CATALOG;
+  }
+  if (!file.Read(&m_FsHdr, sizeof m_FsHdr)) {
+    // A catalogue just made, or shorter than its head: an empty store. The
+    // records in memory stay until the next load or close.
+    molra::SetDefaultHead(&m_FsHdr);
+    file.Close();
+    return FS_OK;
+  }
+
+  m_ppBasket.reset();
+  // Only whole records count: a head that promises more than the file
+  // holds must not lead anyone past its end.
+  const DWORD size = file.GetSize();
+  const DWORD whole = size > sizeof(_tagFSHDR)
+                          ? (size - sizeof(_tagFSHDR)) / sizeof(_tagFSBSKINFO)
+                          : 0;
+  if (m_FsHdr.dwBaskets > whole) {
+    char line[128];
+    std::snprintf(line, sizeof line, "catalogue holds %u whole records of %u",
+                  static_cast<unsigned>(whole), static_cast<unsigned>(m_FsHdr.dwBaskets));
+    FsStatusLog(line);
+    m_FsHdr.dwBaskets = whole;
+  }
+
+  auto records = std::shared_ptr<BasketList>(new (std::nothrow) BasketList);
+  try {
+    if (records) records->resize(m_FsHdr.dwBaskets);
+  } catch (const std::bad_alloc&) {
+    records.reset();
+  }
+  if (!records) {
+    m_FsHdr.dwBaskets = 0;
+    file.Close();
+    return FS_ERR_MEMORY;
+  }
+  // One read for all records; a file that ends early leaves zero records.
+  if (!records->empty() &&
+      !file.Read(records->data(),
+                 static_cast<DWORD>(records->size() * sizeof(_tagFSBSKINFO)))) {
+    records->assign(records->size(), _tagFSBSKINFO{});
+  }
+  for (_tagFSBSKINFO& record : *records) {
+    record.szPath[sizeof record.szPath - 1] = '\0';
+  }
+  m_ppBasket = std::move(records);
+  file.Close();
+  return FS_OK;
+}
+
+LONG CMOLRA::SaveFSInfo(LONG basket) {
+  MakeHomeDir();
+  CFsFile file;
+  if (!file.Open(molra::kCatalogPath, CFsFile::kModeWrite)) return FS_ERR_CATALOG;
+  file.Seek(0, 0);
+  file.Write(&m_FsHdr, sizeof m_FsHdr);
+  if (basket == -1) {
+    const DWORD count = m_ppBasket ? static_cast<DWORD>(m_ppBasket->size()) : 0;
+    const DWORD records = m_FsHdr.dwBaskets < count ? m_FsHdr.dwBaskets : count;
+    if (records > 0) {
+      file.Write(m_ppBasket->data(), records * static_cast<DWORD>(sizeof(_tagFSBSKINFO)));
+    }
+  } else if (const _tagFSBSKINFO* record = Basket(static_cast<DWORD>(basket))) {
+    file.Seek(sizeof(_tagFSHDR) + sizeof(_tagFSBSKINFO) * static_cast<DWORD>(basket), 0);
+    file.Write(record, sizeof *record);
+  }
+  file.Close();
+  return FS_OK;
+}

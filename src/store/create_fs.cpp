@@ -1,0 +1,159 @@
+// Laying baskets out on the data drives and entering them in the catalogue.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "disk/fs_file.h"
+#include "molra/molra.h"
+#include "platform/clock.h"
+#include "platform/env.h"
+#include "store/store_files.h"
+
+namespace platform = molra::platform;
+
+namespace {
+
+// The decimal number at the start of `text`, as the C runtime's atol reads
+// it on a 32-bit platform: blanks, a sign, digits; 0 when there is none,
+// and the nearest LONG on overflow.
+LONG ParseLong(const char* text) {
+  while (*text == ' ' || (*text >= '\t' && *text <= '\r')) ++text;
+  bool negative = false;
+  if (*text == '+' || *text == '-') negative = *text++ == '-';
+  long long value = 0;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    value = value * 10 + (*text - '0');
+    if (value > 0x80000000LL) value = 0x80000000LL;
+  }
+  if (negative) return static_cast<LONG>(-value);
+  return value > 0x7FFFFFFF ? 0x7FFFFFFF : static_cast<LONG>(value);
+}
+
+// The file number that a basket path carries after its last "S".
+DWORD FileNumberOf(const char* path) {
+  const char* s = std::strrchr(path, 'S');
+  return s ? static_cast<DWORD>(ParseLong(s + 1)) : 0;
+}
+
+bool MakeDataFile(const char* path) {
+  CFsFile file;
+  if (!file.CreateSized(path, molra::kDataFileSize)) return false;
+  _tagDATAHDR head = {};
+  head.wVersion = 0x0100;
+  std::memcpy(head.szMagic, "MOLRA", 5);
+  head.dwWritePos = sizeof(_tagDATAHDR);
+  if (file.Seek(0, 0)) file.Write(&head, sizeof head);
+  file.Close();
+  return true;
+}
+
+bool MakeIndexFile(const char* path) {
+  CFsFile file;
+  if (!file.CreateSized(path, molra::kIndexFileSize)) return false;
+  // No valid index head yet: the first open of the index writes one.
+  const BYTE zeros[molra::kIndexInitBytes] = {};
+  file.Seek(0, 0);
+  file.Write(zeros, sizeof zeros);
+  file.Close();
+  return true;
+}
+
+bool MakeTableFile(const char* path, const std::vector<BYTE>& zeros) {
+  CFsFile file;
+  if (!file.CreateSized(path, molra::kTableFileSize)) return false;
+  file.Seek(0, 0);
+  file.Write(zeros.data(), static_cast<DWORD>(zeros.size()));
+  file.Close();
+  return true;
+}
+
+}  // namespace
+
+LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
+  if (count > 0 && !locations) return FS_ERR_PARAM;
+  const DWORD oldCount =
+      m_ppBasket ? std::min(m_FsHdr.dwBaskets, static_cast<DWORD>(m_ppBasket->size())) : 0;
+  unsigned long long total = oldCount;
+  for (DWORD e = 0; e < count; ++e) {
+    // A negative count would shrink the catalogue under its own records,
+    // and a drive outside A to Z has no directory.
+    if (locations[e].lCount < 0) return FS_ERR_PARAM;
+    if (locations[e].lCount > 0 && (locations[e].chDrive < 0 || locations[e].chDrive > 25)) {
+      return FS_ERR_PARAM;
+    }
+    total += static_cast<DWORD>(locations[e].lCount);
+  }
+  if (total > 0xFFFFFFFFull) return FS_ERR_PARAM;
+
+  // The new catalogue is built aside; the old one stays untouched until
+  // every basket stands.
+  auto records = std::shared_ptr<BasketList>(new (std::nothrow) BasketList);
+  try {
+    if (records) records->reserve(static_cast<size_t>(total));
+  } catch (const std::bad_alloc&) {
+    records.reset();
+  }
+  if (!records) return FS_ERR_MEMORY;
+
+  DWORD highest = 0;
+  for (DWORD n = 0; n < oldCount; ++n) {
+    records->push_back((*m_ppBasket)[n]);
+    const DWORD number = FileNumberOf(records->back().szPath);
+    if (number > highest) highest = number;
+  }
+  DWORD nextNumber = oldCount > 0 ? highest + 1 : 0;
+
+  std::vector<BYTE> zeros(molra::kTableFileSize);
+  char path[sizeof(_tagFSBSKINFO::szPath)];
+  char file[sizeof path + 8];
+  LONG failure = FS_OK;
+  for (DWORD e = 0; e < count && failure == FS_OK; ++e) {
+    if (locations[e].lCount <= 0) continue;
+    char driveDir[16];
+    std::snprintf(driveDir, sizeof driveDir, "%c:\\MOLRA",
+                  static_cast<char>('A' + locations[e].chDrive));
+    platform::CurrentEnv()->CreateDirectory(driveDir);
+
+    for (LONG k = 0; k < locations[e].lCount; ++k) {
+      const DWORD place = static_cast<DWORD>(records->size());
+      std::memset(path, 0, sizeof path);  // nothing stray behind the terminator
+      std::snprintf(path, sizeof path, "%s\\FS%06d", driveDir, static_cast<int>(nextNumber));
+      ++nextNumber;
+      if (!OnCreatingFS(path, place - oldCount + 1)) {
+        failure = FS_ERR_CANCEL;
+        break;
+      }
+      _tagFSBSKINFO record = {};
+      std::memcpy(record.szPath, path, sizeof path);
+      platform::GetSystemTime(&record.stCreated);
+      records->push_back(record);
+
+      std::snprintf(file, sizeof file, "%s%s", path, molra::kDataExt);
+      bool made = MakeDataFile(file);
+      std::snprintf(file, sizeof file, "%s%s", path, molra::kIndexExt);
+      made = made && MakeIndexFile(file);
+      std::snprintf(file, sizeof file, "%s%s", path, molra::kTableExt);
+      made = made && MakeTableFile(file, zeros);
+      if (!made) {
+        failure = FS_ERR_CREATE;
+        break;
+      }
+    }
+  }
+
+  if (failure != FS_OK) {
+    // Undo: the data files of the new baskets go; index and table files,
+    // and the drive directories, stay for a later attempt to reuse.
+    for (DWORD n = oldCount; n < records->size(); ++n) {
+      std::snprintf(file, sizeof file, "%s%s", (*records)[n].szPath, molra::kDataExt);
+      platform::CurrentEnv()->DeleteFile(file);
+    }
+    return failure;
+  }
+
+  m_FsHdr.dwBaskets = static_cast<DWORD>(records->size());
+  m_ppBasket = std::move(records);
+  return SaveFSInfo(-1);
+}

@@ -1,0 +1,64 @@
+// The demo host: makes a store on two drives below ./molra-drives (the
+// library's default drive roots) and prints its catalogue.
+#include <cstdio>
+
+#include "molra/molra.h"
+
+namespace {
+
+class DemoRecorder : public CMOLRA {
+ public:
+  int OnCreatingFS(char* path, DWORD ordinal) override {
+    std::printf("  making basket %u: %s\n", static_cast<unsigned>(ordinal), path);
+    return 1;
+  }
+  const _tagFSBSKINFO* Record(DWORD n) { return Basket(n); }
+};
+
+void PrintStamp(const SYSTEMTIME& t) {
+  if (t.wYear == 0) {
+    std::printf(" %-19s", "-");
+  } else {
+    std::printf(" %04u-%02u-%02u %02u:%02u:%02u", t.wYear, t.wMonth, t.wDay, t.wHour,
+                t.wMinute, t.wSecond);
+  }
+}
+
+void PrintCatalogue(CMOLRA& store) {
+  const _tagFSHDR* head = store.GetFSInfo();
+  std::printf("catalogue C:\\FSDIR\\MOLRA.CFT: magic %.6s, version 0x%04X, %u baskets, "
+              "current %u, oldest %u\n",
+              head->szMagic, head->wVersion, static_cast<unsigned>(head->dwBaskets),
+              static_cast<unsigned>(head->dwCurrent), static_cast<unsigned>(head->dwOldest));
+}
+
+}  // namespace
+
+int main() {
+  DemoRecorder store;
+  store.CallLoadFSinfo();
+  if (store.GetFSInfo()->dwBaskets == 0) {
+    std::printf("no store yet: laying out 2 baskets on drive D and 1 on drive E\n");
+    _tagBSKLOC drives[2] = {{3, 2}, {4, 1}};
+    const LONG result = store.CreateFS(drives, 2);
+    if (result != FS_OK) {
+      std::printf("CreateFS failed with %d\n", static_cast<int>(result));
+      return 1;
+    }
+  }
+  store.CallLoadFSinfo();
+  PrintCatalogue(store);
+  std::printf("%-6s %-24s %-20s %-20s %-20s %5s %7s %5s\n", "basket", "path",
+              "created (UTC)", "first (UTC)", "last (UTC)", "days", "chunks", "flags");
+  for (DWORD n = 0; n < store.GetFSInfo()->dwBaskets; ++n) {
+    const _tagFSBSKINFO* info = store.Record(n);
+    if (!info) break;
+    std::printf("%-6u %-24s", static_cast<unsigned>(n), info->szPath);
+    PrintStamp(info->stCreated);
+    PrintStamp(info->stFirst);
+    PrintStamp(info->stLast);
+    std::printf(" %5u %7u %5u\n", static_cast<unsigned>(info->dwDays),
+                static_cast<unsigned>(info->dwChunks), static_cast<unsigned>(info->dwFlags));
+  }
+  return 0;
+}
