@@ -23,14 +23,21 @@ class CMOLRA {
   // whichever object lets go of them last releases them, once.
   CMOLRA(const CMOLRA& other);
   CMOLRA& operator=(const CMOLRA& other);
-  virtual ~CMOLRA();
 
   // Host hooks. OnCreatingFS is asked before each new basket is made
   // (ordinal from 1 within one CreateFS) and refuses with 0.
   virtual int OnCreatingFS(char* path, DWORD ordinal);
   virtual void OnReadingData(_tagCHUNKHDR* header);
+  virtual ~CMOLRA();
 
   // Catalogue.
+  // Appends the baskets of each drive entry behind the catalogue in
+  // memory and writes the catalogue. FS_OK, FS_ERR_CATALOG (baskets made,
+  // catalogue not written), FS_ERR_CREATE (a basket file cannot be made,
+  // or a drive lies outside A to Z), FS_ERR_CANCEL (OnCreatingFS refused),
+  // FS_ERR_MEMORY, or FS_ERR_PARAM (a negative count, or no array) before
+  // anything is made. On every failure but FS_ERR_CATALOG the new baskets'
+  // data files are deleted and the catalogue stays as it was.
   LONG CreateFS(_tagBSKLOC* locations, DWORD count);
   void CallLoadFSinfo();
   _tagFSHDR* GetFSInfo();  // the head in memory itself, not a copy
@@ -39,9 +46,6 @@ class CMOLRA {
   void SetIFrame(int channel);
   LONG GetBaksetFirst(LONG basket, _tagCHUNKHDR* header, unsigned char** data);
   LONG GetBaksetLast(LONG basket, _tagCHUNKHDR* header, unsigned char** data);
-
-  // The rows of a quick-search day file in memory.
-  _tagSTIROW m_SaveTime[16];
 
  protected:
   using BasketList = std::vector<_tagFSBSKINFO>;
@@ -57,6 +61,12 @@ class CMOLRA {
   DWORD m_bIFrame[16];
   DWORD m_dwFill;
   std::atomic<LONG> m_lExit;
+
+ public:
+  // The rows of a quick-search day file in memory.
+  _tagSTIROW m_SaveTime[16];
+
+ protected:
   std::shared_ptr<CFsIndex> m_pIndex;
   std::shared_ptr<CFsFile> m_pData;
   std::shared_ptr<CFsFile> m_pTable;

@@ -29,6 +29,7 @@ int CFsFile::Open(char const* path, int mode) {
                                                          : platform::Access::kRead;
   char line[400];
   for (int retries = 0;;) {
+    // A handle the object still held is released here rather than leaked.
     m_hFile = OpenShared(path, access);
     if (m_hFile) return 1;
     const DWORD error = platform::GetLastError();

@@ -1,5 +1,6 @@
 #include "disk/status_log.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -20,12 +21,8 @@ void AppendLogLine(char const* logPath, char const* text) {
   SYSTEMTIME now;
   platform::GetLocalTime(&now);
   platform::Env* env = platform::CurrentEnv();
-  if (auto log = env->OpenFile(logPath, platform::Access::kRead, platform::kShareReadWrite,
-                               platform::Disposition::kOpenAlways)) {
-    const DWORD size = log->Size();
-    log->Close();
-    if (size != platform::kInvalidFileSize && size >= kLogLimit) env->DeleteFile(logPath);
-  }
+  std::uint64_t size = 0;
+  if (env->FileSize(logPath, &size) && size >= kLogLimit) env->DeleteFile(logPath);
   char stamp[64];
   std::snprintf(stamp, sizeof stamp, " %u:%u:%u - %u:%u:%u\n", now.wYear, now.wMonth,
                 now.wDay, now.wHour, now.wMinute, now.wSecond);

@@ -88,8 +88,9 @@ class File {
   virtual bool SetEnd() = 0;
   virtual DWORD Size() = 0;  // kInvalidFileSize on failure
   virtual bool Flush() = 0;
-  // Releases the handle. A failed close leaves the file open, so that a
-  // caller can try again.
+  // Releases the handle. A backend whose failed close keeps the handle
+  // leaves the file open, so that a caller can try again; one whose system
+  // releases it anyway answers the next Close with success.
   virtual bool Close() = 0;
 };
 
@@ -118,6 +119,8 @@ class Env {
   virtual bool DeleteFile(const char* path) = 0;
   virtual bool CreateDirectory(const char* path) = 0;
   virtual bool Exists(const char* path) = 0;
+  // The size of a file by its path, without opening it.
+  virtual bool FileSize(const char* path, std::uint64_t* size) = 0;
   virtual DWORD GetFileAttributes(const char* path) = 0;
   virtual bool SetFileAttributes(const char* path, DWORD attributes) = 0;
   // Lists the files of one directory whose names match the pattern's last

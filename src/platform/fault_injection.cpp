@@ -91,7 +91,9 @@ bool FaultInjectionEnv::CloseFails(DWORD* error) {
 std::unique_ptr<File> FaultInjectionEnv::OpenFile(const char* path, Access access,
                                                   unsigned share,
                                                   Disposition disposition) {
-  if (ChangesFail() && disposition == Disposition::kCreateAlways) {
+  // Without power no file comes into being, nor is one cut.
+  if (ChangesFail() && (disposition == Disposition::kCreateAlways ||
+                        (disposition == Disposition::kOpenAlways && !m_target->Exists(path)))) {
     SetLastError(kErrorWriteFault);
     return nullptr;
   }

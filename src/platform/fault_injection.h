@@ -37,6 +37,9 @@ class FaultInjectionEnv : public Env {
   bool DeleteFile(const char* path) override;
   bool CreateDirectory(const char* path) override;
   bool Exists(const char* path) override { return m_target->Exists(path); }
+  bool FileSize(const char* path, std::uint64_t* size) override {
+    return m_target->FileSize(path, size);
+  }
   DWORD GetFileAttributes(const char* path) override {
     return m_target->GetFileAttributes(path);
   }

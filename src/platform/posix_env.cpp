@@ -215,7 +215,8 @@ class PosixEnv final : public Env {
  public:
   std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
                                  Disposition disposition) override {
-    const std::string real = ResolvePath(path);
+    std::string real;
+    if (!ResolvePath(path, &real)) return nullptr;
     const int create = disposition == Disposition::kOpenExisting ? 0 : O_CREAT;
     // Always read-write underneath, so that the share-mode locks can be
     // taken; the handle itself allows only the access asked for.
@@ -244,7 +245,8 @@ class PosixEnv final : public Env {
   }
 
   bool DeleteFile(const char* path) override {
-    const std::string real = ResolvePath(path);
+    std::string real;
+    if (!ResolvePath(path, &real)) return false;
     struct stat st;
     if (::stat(real.c_str(), &st) != 0) return Fail(errno, real);
     if (S_ISDIR(st.st_mode)) return Fail(EISDIR, real);
@@ -262,17 +264,29 @@ class PosixEnv final : public Env {
   }
 
   bool CreateDirectory(const char* path) override {
-    const std::string real = ResolvePath(path);
+    std::string real;
+    if (!ResolvePath(path, &real)) return false;
     if (::mkdir(real.c_str(), 0777) != 0) return Fail(errno, real);
     return true;
   }
 
   bool Exists(const char* path) override {
-    return ::access(ResolvePath(path).c_str(), F_OK) == 0;
+    std::string real;
+    return ResolvePath(path, &real) && ::access(real.c_str(), F_OK) == 0;
+  }
+
+  bool FileSize(const char* path, std::uint64_t* size) override {
+    std::string real;
+    if (!ResolvePath(path, &real)) return false;
+    struct stat st;
+    if (::stat(real.c_str(), &st) != 0) return Fail(errno, real);
+    *size = static_cast<std::uint64_t>(st.st_size);
+    return true;
   }
 
   DWORD GetFileAttributes(const char* path) override {
-    const std::string real = ResolvePath(path);
+    std::string real;
+    if (!ResolvePath(path, &real)) return kInvalidFileAttributes;
     struct stat st;
     if (::stat(real.c_str(), &st) != 0) {
       Fail(errno, real);
@@ -292,7 +306,8 @@ class PosixEnv final : public Env {
   }
 
   bool SetFileAttributes(const char* path, DWORD attributes) override {
-    const std::string real = ResolvePath(path);
+    std::string real;
+    if (!ResolvePath(path, &real)) return false;
     struct stat st;
     if (::stat(real.c_str(), &st) != 0) return Fail(errno, real);
     const DWORD word = attributes & kKeptAttributes;
@@ -315,7 +330,8 @@ class PosixEnv final : public Env {
     }
     if (namePattern != pattern) dirPart.assign(pattern, namePattern - pattern - 1);
     if (dirPart.size() == 2 && dirPart[1] == ':') dirPart += '\\';
-    const std::string dir = ResolvePath(dirPart.c_str());
+    std::string dir;
+    if (!ResolvePath(dirPart.c_str(), &dir)) return false;
     DIR* d = ::opendir(dir.c_str());
     if (!d) return Fail(errno == ENOENT ? ENOTDIR : errno, dir);
     while (struct dirent* entry = ::readdir(d)) {
@@ -343,7 +359,8 @@ class PosixEnv final : public Env {
   }
 
   bool AppendText(const char* path, const char* text) override {
-    const std::string real = ResolvePath(path);
+    std::string real;
+    if (!ResolvePath(path, &real)) return false;
     const int fd = ::open(real.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) return Fail(errno, real);
     const size_t length = std::strlen(text);

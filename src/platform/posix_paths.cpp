@@ -6,7 +6,9 @@
 
 #include <cctype>
 #include <cerrno>
+#include <vector>
 
+#include "platform/env.h"
 #include "platform/settings.h"
 
 namespace molra {
@@ -49,33 +51,41 @@ std::string MatchEntry(const std::string& dir, const std::string& component,
 
 }  // namespace
 
-std::string ResolvePath(const char* path) {
-  std::string result;
-  const char* rest = path;
-  if (std::isalpha(static_cast<unsigned char>(path[0])) && path[1] == ':') {
-    result = DriveRoot(path[0]);
-    while (result.size() > 1 && result.back() == '/') result.pop_back();
-    struct stat st;
-    if (::stat(result.c_str(), &st) != 0) MakeDirectories(result);
-    rest = path + 2;
-  } else {
-    result = ".";
+bool ResolvePath(const char* path, std::string* real) {
+  if (!path || !std::isalpha(static_cast<unsigned char>(path[0])) || path[1] != ':') {
+    SetLastError(kErrorPathNotFound);
+    return false;
   }
+  std::string root = DriveRoot(path[0]);
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  struct stat st;
+  if (::stat(root.c_str(), &st) != 0) MakeDirectories(root);
 
-  bool parentExists = true;
-  const char* p = rest;
+  std::vector<std::string> components;
+  bool exists = true;  // while false, no entry below can exist either
+  const char* p = path + 2;
   while (*p) {
     while (IsSeparator(*p)) ++p;
     const char* start = p;
     while (*p && !IsSeparator(*p)) ++p;
     if (p == start) break;
     std::string component(start, p);
-    if (parentExists && component != "." && component != "..") {
-      component = MatchEntry(result, component, &parentExists);
+    if (component == ".") continue;
+    if (component == "..") {
+      if (!components.empty()) components.pop_back();
+      exists = true;
+      continue;
     }
-    result += "/" + component;
+    if (exists) {
+      std::string dir = root;
+      for (const std::string& c : components) dir += "/" + c;
+      component = MatchEntry(dir, component, &exists);
+    }
+    components.push_back(std::move(component));
   }
-  return result;
+  *real = root;
+  for (const std::string& c : components) *real += "/" + c;
+  return true;
 }
 
 bool MatchesPattern(const char* pattern, const char* name) {

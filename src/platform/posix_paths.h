@@ -10,9 +10,10 @@ namespace platform {
 // slashes both separate. Each component takes the case of an existing
 // entry that matches it case-insensitively, so "c:\FSDIR" and "C:\fsdir"
 // are one directory; a component that matches nothing keeps the case it
-// was given. A path with no drive letter is taken relative to the
-// current directory. The drive's root directory is made if absent.
-std::string ResolvePath(const char* path);
+// was given; "." is passed over and ".." stops at the drive's root. The
+// drive's root directory is made if absent. False, with the last error
+// kErrorPathNotFound, for a path that does not begin with a drive letter.
+bool ResolvePath(const char* path, std::string* real);
 
 // True when `name` matches `pattern` ('*' any run, '?' one character),
 // ignoring case.

@@ -1,6 +1,7 @@
 // The catalogue "C:\FSDIR\MOLRA.CFT": loading it into memory and writing
 // it back.
 #include <cstdio>
+#include <memory>
 #include <new>
 
 #include "disk/fs_file.h"
@@ -61,22 +62,28 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
     m_FsHdr.dwBaskets = whole;
   }
 
-  auto records = std::shared_ptr<BasketList>(new (std::nothrow) BasketList);
+  // A ring position beyond the records would send the recorder and the
+  // readers outside the catalogue.
+  if (m_FsHdr.dwBaskets > 0 && m_FsHdr.dwCurrent >= m_FsHdr.dwBaskets) m_FsHdr.dwCurrent = 0;
+  if (m_FsHdr.dwBaskets > 0 && m_FsHdr.dwOldest >= m_FsHdr.dwBaskets) m_FsHdr.dwOldest = 0;
+
+  std::shared_ptr<BasketList> records;
   try {
-    if (records) records->resize(m_FsHdr.dwBaskets);
+    records = std::make_shared<BasketList>(m_FsHdr.dwBaskets);
   } catch (const std::bad_alloc&) {
-    records.reset();
-  }
-  if (!records) {
-    m_FsHdr.dwBaskets = 0;
+    molra::SetDefaultHead(&m_FsHdr);
     file.Close();
     return FS_ERR_MEMORY;
   }
-  // One read for all records; a file that ends early leaves zero records.
+  // One read for all records.
   if (!records->empty() &&
       !file.Read(records->data(),
                  static_cast<DWORD>(records->size() * sizeof(_tagFSBSKINFO)))) {
-    records->assign(records->size(), _tagFSBSKINFO{});
+    // The disk failed under a catalogue it said it held: an empty store in
+    // memory, so that nothing half-read is ever written back.
+    molra::SetDefaultHead(&m_FsHdr);
+    file.Close();
+    return FS_ERR_CATALOG;
   }
   for (_tagFSBSKINFO& record : *records) {
     record.szPath[sizeof record.szPath - 1] = '\0';

@@ -60,11 +60,14 @@ bool MakeIndexFile(const char* path) {
   return true;
 }
 
+// `zeros` holds one day record's worth of zero bytes.
 bool MakeTableFile(const char* path, const std::vector<BYTE>& zeros) {
   CFsFile file;
   if (!file.CreateSized(path, molra::kTableFileSize)) return false;
   file.Seek(0, 0);
-  file.Write(zeros.data(), static_cast<DWORD>(zeros.size()));
+  for (DWORD day = 0; day < molra::kTableInitDays; ++day) {
+    file.Write(zeros.data(), static_cast<DWORD>(zeros.size()));
+  }
   file.Close();
   return true;
 }
@@ -77,11 +80,11 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
       m_ppBasket ? std::min(m_FsHdr.dwBaskets, static_cast<DWORD>(m_ppBasket->size())) : 0;
   unsigned long long total = oldCount;
   for (DWORD e = 0; e < count; ++e) {
-    // A negative count would shrink the catalogue under its own records,
-    // and a drive outside A to Z has no directory.
+    // A negative count would shrink the catalogue under its own records.
     if (locations[e].lCount < 0) return FS_ERR_PARAM;
+    // A drive outside A to Z can hold no basket.
     if (locations[e].lCount > 0 && (locations[e].chDrive < 0 || locations[e].chDrive > 25)) {
-      return FS_ERR_PARAM;
+      return FS_ERR_CREATE;
     }
     total += static_cast<DWORD>(locations[e].lCount);
   }
@@ -89,13 +92,15 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
 
   // The new catalogue is built aside; the old one stays untouched until
   // every basket stands.
-  auto records = std::shared_ptr<BasketList>(new (std::nothrow) BasketList);
+  std::shared_ptr<BasketList> records;
+  std::vector<BYTE> zeros;
   try {
-    if (records) records->reserve(static_cast<size_t>(total));
+    records = std::make_shared<BasketList>();
+    records->reserve(static_cast<size_t>(total));
+    zeros.resize(sizeof(_tagFSBSKTBL));
   } catch (const std::bad_alloc&) {
-    records.reset();
+    return FS_ERR_MEMORY;
   }
-  if (!records) return FS_ERR_MEMORY;
 
   DWORD highest = 0;
   for (DWORD n = 0; n < oldCount; ++n) {
@@ -105,7 +110,6 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
   }
   DWORD nextNumber = oldCount > 0 ? highest + 1 : 0;
 
-  std::vector<BYTE> zeros(molra::kTableFileSize);
   char path[sizeof(_tagFSBSKINFO::szPath)];
   char file[sizeof path + 8];
   LONG failure = FS_OK;
