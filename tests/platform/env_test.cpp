@@ -1,0 +1,225 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <optional>
+
+#include "platform/env.h"
+#include "platform/fault_injection.h"
+#include "platform/posix_paths.h"
+#include "support/temp_drives.h"
+
+namespace {
+
+namespace platform = molra::platform;
+using platform::Access;
+using platform::Disposition;
+using platform::GetLastError;
+using platform::kShareNone, platform::kShareRead, platform::kShareWrite;
+using platform::kShareReadWrite;
+
+using EnvTest = molra_test::TempDrives;
+
+platform::Env* Env() { return platform::Env::Default(); }
+
+std::unique_ptr<platform::File> Open(const char* path, Access access, unsigned share,
+                                     Disposition disposition = Disposition::kOpenAlways) {
+  return Env()->OpenFile(path, access, share, disposition);
+}
+
+std::string Resolve(const char* path) {
+  std::string real;
+  EXPECT_TRUE(platform::ResolvePath(path, &real)) << path;
+  return real;
+}
+
+// Runs `body` in a child process, which keeps whatever `body` left open
+// until Exit(), and tells whether `body` succeeded.
+class Child {
+ public:
+  bool ok = false;
+  explicit Child(const std::function<bool()>& body) {
+    int up[2], down[2];
+    if (::pipe(up) != 0 || ::pipe(down) != 0 || (m_pid = ::fork()) < 0) return;
+    if (m_pid == 0) {
+      ::close(down[1]);  // else the read below never sees the parent let go
+      char answer = body() ? 'y' : 'n', go;
+      ::_exit(::write(up[1], &answer, 1) == 1 && ::read(down[0], &go, 1) >= 0 ? 0 : 2);
+    }
+    ::close(up[1]);
+    ::close(down[0]);
+    char answer = 'n';
+    ok = ::read(up[0], &answer, 1) == 1 && answer == 'y';
+    ::close(up[0]);
+    m_release = down[1];
+  }
+  ~Child() { Exit(); }
+  void Exit() {  // the child's handles go with it, unclosed
+    if (m_pid <= 0) return;
+    ::close(m_release);
+    ::waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+  }
+
+ private:
+  pid_t m_pid = -1;
+  int m_release = -1;
+};
+
+TEST_F(EnvTest, PathsMapToDriveRootsWhateverTheCaseAndSeparator) {
+  EXPECT_EQ(Resolve("c:/A\\\\b\\"), Real('c', "A/b"));
+  EXPECT_EQ(Resolve("C:\\..\\A\\.\\..\\..\\b"), Real('c', "b"));  // never above the root
+  std::string real;
+  EXPECT_FALSE(platform::ResolvePath("FSDIR\\x", &real));
+  EXPECT_EQ(GetLastError(), platform::kErrorPathNotFound);
+  platform::SetDriveRoot('Q', Root('q') + "/deep/root/");
+  EXPECT_EQ(Resolve("q:\\x"), Root('q') + "/deep/root/x");
+  EXPECT_TRUE(FileExists(Root('q') + "/deep/root"));  // made on first use
+
+  ASSERT_TRUE(Env()->CreateDirectory("C:\\FSDIR"));
+  { std::ofstream(Real('c', "FSDIR/x")) << "abc"; }
+  auto same = Open("c:\\fsdir\\X", Access::kRead, kShareReadWrite, Disposition::kOpenExisting);
+  ASSERT_NE(same, nullptr);
+  EXPECT_EQ(same->Size(), 3u);
+  // A new entry keeps the case it is given, below the existing directory.
+  ASSERT_NE(Open("c:\\fsdir\\NewOne", Access::kWrite, kShareReadWrite), nullptr);
+  EXPECT_TRUE(FileExists(Real('c', "FSDIR/NewOne")));
+  EXPECT_EQ(Resolve("c:\\fsdir\\none\\X"), Real('c', "FSDIR/none/X"));
+  // An entry of exactly the given case wins over one that differs in case.
+  { std::ofstream create(Real('c', "FSDIR/X")); }
+  EXPECT_EQ(Resolve("c:\\fsdir\\X"), Real('c', "FSDIR/X"));
+  EXPECT_EQ(Resolve("c:\\fsdir\\x"), Real('c', "FSDIR/x"));
+}
+
+TEST_F(EnvTest, HiddenBitStaysWithTheFileAcrossProcesses) {
+  const char* path = "C:\\MOLRA.CFT";
+  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kInvalidFileAttributes);
+  EXPECT_EQ(GetLastError(), platform::kErrorFileNotFound);
+  ASSERT_NE(Open(path, Access::kWrite, kShareReadWrite), nullptr);
+  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kFileAttributeNormal);
+  Child setter(
+      [] { return Env()->SetFileAttributes("c:\\molra.cft", platform::kFileAttributeHidden); });
+  ASSERT_TRUE(setter.ok);
+  setter.Exit();
+  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kFileAttributeHidden);
+  EXPECT_TRUE(Env()->SetFileAttributes(path, platform::kFileAttributeNormal));
+  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kFileAttributeNormal);
+}
+
+TEST_F(EnvTest, FindFilesMatchesAnyCaseAndReportsLastWrite) {
+  ASSERT_TRUE(Env()->CreateDirectory("C:\\FSDIR"));
+  ASSERT_TRUE(Env()->CreateDirectory("C:\\FSDIR\\QS"));
+  for (const char* name : {"a.STI", "b.sti", "c.stix", "d.st", "b.sti.cdt"}) {
+    std::ofstream(Real('c', std::string("FSDIR/QS/") + name)).put('x');
+  }
+  const struct timespec stamps[2] = {{1234567890, 500000000}, {1234567890, 500000000}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, Real('c', "FSDIR/QS/b.sti").c_str(), stamps, 0), 0);
+
+  std::vector<platform::FoundFile> found;
+  ASSERT_TRUE(Env()->FindFiles("c:\\fsdir\\qs\\*.STI", &found));
+  ASSERT_EQ(found.size(), 2u);
+  std::sort(found.begin(), found.end(), [](auto& l, auto& r) { return l.name < r.name; });
+  EXPECT_EQ(found[0].name, "a.STI");
+  EXPECT_EQ(found[1].name, "b.sti");
+  const SYSTEMTIME& t = found[1].lastWrite;  // 2009-02-13 23:31:30.500 UTC, a Friday
+  EXPECT_EQ((std::vector<int>{t.wYear, t.wMonth, t.wDayOfWeek, t.wDay, t.wHour, t.wMinute,
+                              t.wSecond, t.wMilliseconds}),
+            (std::vector<int>{2009, 2, 5, 13, 23, 31, 30, 500}));
+
+  EXPECT_FALSE(Env()->FindFiles("C:\\FSDIR\\QS\\*.cdx", &found));
+  EXPECT_EQ(GetLastError(), platform::kErrorFileNotFound);
+}
+
+TEST_F(EnvTest, ShareBitsRuleHandlesInThisAndOtherProcesses) {
+  // A handle held, a second one asked for, and whether it opens.
+  struct Case { Access heldAccess; unsigned heldShare; Access access; unsigned share; bool opens; };
+  const Case cases[] = {
+      {Access::kRead, kShareRead, Access::kWrite, kShareReadWrite, false},
+      {Access::kRead, kShareRead, Access::kRead, kShareRead, true},
+      {Access::kWrite, kShareRead, Access::kRead, kShareReadWrite, true},
+      {Access::kWrite, kShareReadWrite, Access::kRead, kShareRead, false},
+      {Access::kRead, kShareWrite, Access::kRead, kShareReadWrite, false},
+      {Access::kRead, kShareReadWrite, Access::kWrite, kShareWrite, false},
+      {Access::kReadWrite, kShareReadWrite, Access::kReadWrite, kShareReadWrite, true},
+      {Access::kRead, kShareNone, Access::kRead, kShareReadWrite, false},
+  };
+  const char* path = "C:\\shared.dat";
+  for (const auto& c : cases) {
+    for (const bool inChild : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "case " << &c - cases << (inChild ? " child" : ""));
+      auto held = inChild ? nullptr : Open(path, c.heldAccess, c.heldShare);
+      std::optional<Child> child;
+      if (inChild) child.emplace([&] { return Open(path, c.heldAccess, c.heldShare).release(); });
+      ASSERT_TRUE(inChild ? child->ok : held != nullptr);
+      auto second = Open(path, c.access, c.share, Disposition::kOpenExisting);
+      EXPECT_EQ(second != nullptr, c.opens);
+      EXPECT_EQ(GetLastError(), c.opens ? 0u : platform::kErrorSharingViolation);
+    }
+  }
+}
+
+TEST_F(EnvTest, DeleteFailsWhileAnyHandleIsOpenAndExitReleasesLocks) {
+  const char* path = "C:\\busy.dat";
+  {
+    Child holder([&] { return Open(path, Access::kRead, kShareReadWrite).release(); });
+    ASSERT_TRUE(holder.ok);
+    EXPECT_FALSE(Env()->DeleteFile(path));
+    EXPECT_EQ(GetLastError(), platform::kErrorSharingViolation);
+    EXPECT_EQ(Open(path, Access::kRead, kShareNone), nullptr);
+    holder.Exit();
+    EXPECT_NE(Open(path, Access::kRead, kShareNone), nullptr);
+  }
+  auto file = Open(path, Access::kReadWrite, kShareReadWrite);
+  EXPECT_FALSE(Env()->DeleteFile(path));
+  file.reset();
+  EXPECT_TRUE(Env()->DeleteFile(path));
+  EXPECT_FALSE(Env()->Exists(path));
+}
+
+TEST_F(EnvTest, FailedWritesWriteNothingAndPowerCutStopsEveryChange) {
+  platform::ScopedFaultInjection faults;
+  platform::Env* env = platform::CurrentEnv();
+  auto file =
+      env->OpenFile("C:\\a.dat", Access::kWrite, kShareReadWrite, Disposition::kCreateAlways);
+  ASSERT_TRUE(env->AppendText("C:\\b.dat", "keep"));
+  DWORD done = 7;
+  auto write = [&](const char* text) { return file->Write(text, 1, &done); };
+
+  faults->FailWriteAt(2);
+  EXPECT_TRUE(write("a"));
+  EXPECT_FALSE(write("b"));
+  EXPECT_EQ(done, 0u);
+  EXPECT_EQ(platform::GetLastError(), platform::kErrorWriteFault);
+  EXPECT_TRUE(write("c"));
+  EXPECT_TRUE(write("d"));
+  EXPECT_FALSE(faults->PowerCut());
+
+  faults->CutPowerAtWrite(2);
+  EXPECT_TRUE(write("e"));
+  EXPECT_FALSE(write("f"));
+  EXPECT_FALSE(write("g"));
+  EXPECT_TRUE(faults->PowerCut());
+  EXPECT_EQ(faults->Writes(), 3u);
+  EXPECT_FALSE(file->SetEnd());
+  EXPECT_FALSE(env->DeleteFile("C:\\b.dat"));
+  EXPECT_FALSE(env->AppendText("C:\\b.dat", "lost"));
+  EXPECT_FALSE(env->SetFileAttributes("C:\\b.dat", platform::kFileAttributeHidden));
+  EXPECT_FALSE(env->CreateDirectory("C:\\NEW"));
+  EXPECT_EQ(env->OpenFile("C:\\b.dat", Access::kWrite, 3, Disposition::kCreateAlways), nullptr);
+  EXPECT_EQ(env->OpenFile("C:\\c.dat", Access::kWrite, 3, Disposition::kOpenAlways), nullptr);
+  EXPECT_EQ(platform::GetLastError(), platform::kErrorWriteFault);
+  EXPECT_NE(env->OpenFile("C:\\b.dat", Access::kRead, 3, Disposition::kOpenAlways), nullptr);
+  EXPECT_EQ(FileSize(Real('c', "a.dat")), 4);  // a, c, d, e
+  EXPECT_EQ(FileSize(Real('c', "b.dat")), 4);
+  EXPECT_FALSE(env->Exists("C:\\NEW") || env->Exists("C:\\c.dat"));
+
+  faults->Reset();  // power back: changes go through again
+  EXPECT_TRUE(write("h"));
+  EXPECT_EQ(FileSize(Real('c', "a.dat")), 5);
+}
+
+}  // namespace
