@@ -121,6 +121,7 @@ int CFsFile::CreateSized(char const* path, DWORD size) {
   if (IsOpen()) Close();
   m_hFile = OpenShared(path, platform::Access::kReadWrite);
   if (!m_hFile) return 0;
-  m_hFile->Seek(static_cast<LONG>(size), platform::kFileBegin);
+  // A size the 32-bit seek cannot reach must not cut the file to nothing.
+  if (m_hFile->Seek(static_cast<LONG>(size), platform::kFileBegin) != size) return 0;
   return m_hFile->SetEnd() ? 1 : 0;
 }

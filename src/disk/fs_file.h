@@ -20,8 +20,8 @@ class CFsFile {
 
   int IsOpen() const { return m_hFile != nullptr; }
   // Mode 2 reads and writes, 1 writes, anything else reads. The file is
-  // shared with every other reader and writer and made if absent. Does
-  // not close what the object holds.
+  // shared with every other reader and writer and made if absent. A file
+  // the object still holds is released without the retries of Close.
   int Open(char const* path, int mode);
   int Close();
   // 1 only when exactly `count` bytes moved.

@@ -67,12 +67,14 @@ void GetSystemTime(SYSTEMTIME* utcNow) {
 void GetLocalTime(SYSTEMTIME* localNow) {
   SYSTEMTIME utc;
   GetSystemTime(&utc);
-  // Until the zone's daylight rule is applied here, local time is UTC
-  // shifted by the zone's standard bias (minutes west of UTC).
+  const std::int64_t millis = StampToUnixMillis(utc);
+  // A host's zone counts by its standard bias alone until its daylight
+  // rule is applied here; the machine's own zone knows its rules.
   TIME_ZONE_INFORMATION zone{};
-  LONG bias = 0;
-  if (ZoneOverride(&zone)) bias = zone.Bias + zone.StandardBias;
-  *localNow = UnixMillisToStamp(StampToUnixMillis(utc) - std::int64_t{bias} * 60000);
+  const LONG bias = ZoneOverride(&zone)
+                        ? zone.Bias + zone.StandardBias
+                        : CurrentEnv()->LocalBias(millis / 1000);
+  *localNow = UnixMillisToStamp(millis - std::int64_t{bias} * 60000);
 }
 
 void Sleep(DWORD milliseconds) { CurrentEnv()->Sleep(milliseconds); }

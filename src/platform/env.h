@@ -131,6 +131,8 @@ class Env {
   virtual bool AppendText(const char* path, const char* text) = 0;
 
   virtual void NowUtc(SYSTEMTIME* now) = 0;  // the machine's real clock
+  // Minutes west of UTC of the machine's own zone at a moment.
+  virtual LONG LocalBias(std::int64_t unixSeconds) = 0;
   virtual void Sleep(DWORD milliseconds) = 0;
 };
 

@@ -49,12 +49,12 @@ class FaultyFile final : public File {
 }  // namespace
 
 void FaultInjectionEnv::FailWriteAt(DWORD n) {
-  Reset();
+  ResetWrites();
   m_failAt = n;
 }
 
 void FaultInjectionEnv::CutPowerAtWrite(DWORD n) {
-  Reset();
+  ResetWrites();
   m_cutAt = n;
 }
 
@@ -64,11 +64,15 @@ void FaultInjectionEnv::FailCloses(DWORD count, DWORD error) {
 }
 
 void FaultInjectionEnv::Reset() {
+  ResetWrites();
+  m_closeFailures = 0;
+}
+
+void FaultInjectionEnv::ResetWrites() {
   m_writes = 0;
   m_failAt = 0;
   m_cutAt = 0;
   m_powerCut = false;
-  m_closeFailures = 0;
 }
 
 bool FaultInjectionEnv::WriteFails() {

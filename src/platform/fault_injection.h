@@ -14,13 +14,14 @@ class FaultInjectionEnv : public Env {
  public:
   explicit FaultInjectionEnv(Env* target = Env::Default()) : m_target(target) {}
 
-  // Counting starts again at every call below. Writes are counted by
-  // File::Write only; the first write after the call is number 1.
+  // The write count starts again at each of the two calls below. Writes
+  // are counted by File::Write only; the first write after the call is
+  // number 1.
   void FailWriteAt(DWORD n);     // only write n fails, writing nothing
   void CutPowerAtWrite(DWORD n); // write n and everything after it fail
   // The next `count` closes fail with `error`, leaving their files open.
   void FailCloses(DWORD count, DWORD error);
-  void Reset();                  // no faults; the count starts again
+  void Reset();                  // no faults at all; the count starts again
 
   DWORD Writes() const { return m_writes.load(); }
   bool PowerCut() const { return m_powerCut.load(); }
@@ -49,9 +50,14 @@ class FaultInjectionEnv : public Env {
   }
   bool AppendText(const char* path, const char* text) override;
   void NowUtc(SYSTEMTIME* now) override { m_target->NowUtc(now); }
+  LONG LocalBias(std::int64_t unixSeconds) override {
+    return m_target->LocalBias(unixSeconds);
+  }
   void Sleep(DWORD milliseconds) override { m_target->Sleep(milliseconds); }
 
  private:
+  void ResetWrites();
+
   Env* const m_target;
   std::atomic<DWORD> m_writes{0};
   std::atomic<DWORD> m_failAt{0};     // 0: none

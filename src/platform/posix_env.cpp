@@ -205,6 +205,10 @@ class FallbackAttributes {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_words[{st.st_dev, st.st_ino}] = attributes;
   }
+  void Forget(const struct stat& st) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_words.erase({st.st_dev, st.st_ino});
+  }
 
  private:
   std::mutex m_mutex;
@@ -260,6 +264,7 @@ class PosixEnv final : public Env {
       }
     }
     if (::unlink(real.c_str()) != 0) return Fail(errno, real);
+    m_fallback.Forget(st);  // a new file may get the same inode
     return true;
   }
 
@@ -292,17 +297,7 @@ class PosixEnv final : public Env {
       Fail(errno, real);
       return kInvalidFileAttributes;
     }
-    DWORD word = 0;
-    unsigned char bytes[4];
-    if (::getxattr(real.c_str(), kAttributeName, bytes, sizeof bytes) == 4) {
-      word = DWORD{bytes[0]} | DWORD{bytes[1]} << 8 | DWORD{bytes[2]} << 16 |
-             DWORD{bytes[3]} << 24;
-    } else {
-      m_fallback.Get(st, &word);
-    }
-    word &= kKeptAttributes;
-    if (S_ISDIR(st.st_mode)) word |= kFileAttributeDirectory;
-    return word ? word : kFileAttributeNormal;
+    return AttributesOf(real, st);
   }
 
   bool SetFileAttributes(const char* path, DWORD attributes) override {
@@ -346,7 +341,7 @@ class PosixEnv final : public Env {
       file.name = entry->d_name;
       file.lastWrite = UnixMillisToStamp(std::int64_t{st.st_mtim.tv_sec} * 1000 +
                                          st.st_mtim.tv_nsec / 1000000);
-      file.attributes = S_ISDIR(st.st_mode) ? kFileAttributeDirectory : kFileAttributeNormal;
+      file.attributes = AttributesOf(full, st);
       file.size = static_cast<std::uint64_t>(st.st_size);
       found->push_back(std::move(file));
     }
@@ -385,6 +380,13 @@ class PosixEnv final : public Env {
     *now = UnixMillisToStamp(std::int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000);
   }
 
+  LONG LocalBias(std::int64_t unixSeconds) override {
+    const time_t t = static_cast<time_t>(unixSeconds);
+    struct tm local;
+    if (!::localtime_r(&t, &local)) return 0;
+    return static_cast<LONG>(-local.tm_gmtoff / 60);
+  }
+
   void Sleep(DWORD milliseconds) override {
     struct timespec ts;
     ts.tv_sec = milliseconds / 1000;
@@ -394,6 +396,21 @@ class PosixEnv final : public Env {
   }
 
  private:
+  // The attribute word of an existing entry.
+  DWORD AttributesOf(const std::string& real, const struct stat& st) {
+    DWORD word = 0;
+    unsigned char bytes[4];
+    if (::getxattr(real.c_str(), kAttributeName, bytes, sizeof bytes) == 4) {
+      word = DWORD{bytes[0]} | DWORD{bytes[1]} << 8 | DWORD{bytes[2]} << 16 |
+             DWORD{bytes[3]} << 24;
+    } else {
+      m_fallback.Get(st, &word);
+    }
+    word &= kKeptAttributes;
+    if (S_ISDIR(st.st_mode)) word |= kFileAttributeDirectory;
+    return word ? word : kFileAttributeNormal;
+  }
+
   static bool Fail(int err, const std::string& path) {
     SetLastError(ErrorFromErrno(err, path));
     return false;
