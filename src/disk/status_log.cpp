@@ -22,7 +22,7 @@ void AppendLogLine(char const* logPath, char const* text) {
   platform::GetLocalTime(&now);
   platform::Env* env = platform::CurrentEnv();
   std::uint64_t size = 0;
-  if (env->FileSize(logPath, &size) && size >= kLogLimit) env->DeleteFile(logPath);
+  if (env->FileSize(logPath, &size) && size >= kLogLimit) env->RemoveFile(logPath);
   char stamp[64];
   std::snprintf(stamp, sizeof stamp, " %u:%u:%u - %u:%u:%u\n", now.wYear, now.wMonth,
                 now.wDay, now.wHour, now.wMinute, now.wSecond);

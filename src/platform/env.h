@@ -1,5 +1,9 @@
 // The seam between the store and the operating system.
 //
+// Its names stay clear of the original platform's own (DeleteFile and the
+// like are macros there), so that a backend on that platform can include
+// its system headers beside this one.
+//
 // Every service the store takes from the machine (files with share modes,
 // directories, attributes, the clock, sleeping) goes through an Env. The
 // POSIX backend serves it now; a Win32 backend can map each call straight
@@ -116,13 +120,13 @@ class Env {
                                          unsigned share,
                                          Disposition disposition) = 0;
   // Fails with kErrorSharingViolation while any handle has the file open.
-  virtual bool DeleteFile(const char* path) = 0;
-  virtual bool CreateDirectory(const char* path) = 0;
+  virtual bool RemoveFile(const char* path) = 0;
+  virtual bool MakeDirectory(const char* path) = 0;
   virtual bool Exists(const char* path) = 0;
   // The size of a file by its path, without opening it.
   virtual bool FileSize(const char* path, std::uint64_t* size) = 0;
-  virtual DWORD GetFileAttributes(const char* path) = 0;
-  virtual bool SetFileAttributes(const char* path, DWORD attributes) = 0;
+  virtual DWORD GetAttributes(const char* path) = 0;
+  virtual bool SetAttributes(const char* path, DWORD attributes) = 0;
   // Lists the files of one directory whose names match the pattern's last
   // component ('*' and '?', any case). False when nothing matches.
   virtual bool FindFiles(const char* pattern, std::vector<FoundFile>* found) = 0;

@@ -106,28 +106,28 @@ std::unique_ptr<File> FaultInjectionEnv::OpenFile(const char* path, Access acces
   return std::unique_ptr<File>(new FaultyFile(std::move(file), this));
 }
 
-bool FaultInjectionEnv::DeleteFile(const char* path) {
+bool FaultInjectionEnv::RemoveFile(const char* path) {
   if (ChangesFail()) {
     SetLastError(kErrorWriteFault);
     return false;
   }
-  return m_target->DeleteFile(path);
+  return m_target->RemoveFile(path);
 }
 
-bool FaultInjectionEnv::CreateDirectory(const char* path) {
+bool FaultInjectionEnv::MakeDirectory(const char* path) {
   if (ChangesFail()) {
     SetLastError(kErrorWriteFault);
     return false;
   }
-  return m_target->CreateDirectory(path);
+  return m_target->MakeDirectory(path);
 }
 
-bool FaultInjectionEnv::SetFileAttributes(const char* path, DWORD attributes) {
+bool FaultInjectionEnv::SetAttributes(const char* path, DWORD attributes) {
   if (ChangesFail()) {
     SetLastError(kErrorWriteFault);
     return false;
   }
-  return m_target->SetFileAttributes(path, attributes);
+  return m_target->SetAttributes(path, attributes);
 }
 
 bool FaultInjectionEnv::AppendText(const char* path, const char* text) {

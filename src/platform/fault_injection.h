@@ -35,16 +35,16 @@ class FaultInjectionEnv : public Env {
 
   std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
                                  Disposition disposition) override;
-  bool DeleteFile(const char* path) override;
-  bool CreateDirectory(const char* path) override;
+  bool RemoveFile(const char* path) override;
+  bool MakeDirectory(const char* path) override;
   bool Exists(const char* path) override { return m_target->Exists(path); }
   bool FileSize(const char* path, std::uint64_t* size) override {
     return m_target->FileSize(path, size);
   }
-  DWORD GetFileAttributes(const char* path) override {
-    return m_target->GetFileAttributes(path);
+  DWORD GetAttributes(const char* path) override {
+    return m_target->GetAttributes(path);
   }
-  bool SetFileAttributes(const char* path, DWORD attributes) override;
+  bool SetAttributes(const char* path, DWORD attributes) override;
   bool FindFiles(const char* pattern, std::vector<FoundFile>* found) override {
     return m_target->FindFiles(pattern, found);
   }

@@ -248,7 +248,7 @@ class PosixEnv final : public Env {
     return std::unique_ptr<File>(new PosixFile(fd, access, real));
   }
 
-  bool DeleteFile(const char* path) override {
+  bool RemoveFile(const char* path) override {
     std::string real;
     if (!ResolvePath(path, &real)) return false;
     struct stat st;
@@ -268,7 +268,7 @@ class PosixEnv final : public Env {
     return true;
   }
 
-  bool CreateDirectory(const char* path) override {
+  bool MakeDirectory(const char* path) override {
     std::string real;
     if (!ResolvePath(path, &real)) return false;
     if (::mkdir(real.c_str(), 0777) != 0) return Fail(errno, real);
@@ -289,7 +289,7 @@ class PosixEnv final : public Env {
     return true;
   }
 
-  DWORD GetFileAttributes(const char* path) override {
+  DWORD GetAttributes(const char* path) override {
     std::string real;
     if (!ResolvePath(path, &real)) return kInvalidFileAttributes;
     struct stat st;
@@ -300,7 +300,7 @@ class PosixEnv final : public Env {
     return AttributesOf(real, st);
   }
 
-  bool SetFileAttributes(const char* path, DWORD attributes) override {
+  bool SetAttributes(const char* path, DWORD attributes) override {
     std::string real;
     if (!ResolvePath(path, &real)) return false;
     struct stat st;

@@ -99,7 +99,7 @@ void MessageStep() {
   if (hook) hook();
 }
 
-void MessageBox(const char* text) {
+void ShowMessageBox(const char* text) {
   std::function<void(const char*)> hook;
   {
     Settings& s = Get();

@@ -22,7 +22,7 @@ bool FixedClock(SYSTEMTIME* utcNow);
 void MessageStep();
 
 // Hands a message-box text to the host.
-void MessageBox(const char* text);
+void ShowMessageBox(const char* text);
 
 }  // namespace platform
 }  // namespace molra

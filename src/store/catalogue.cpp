@@ -16,7 +16,7 @@ namespace {
 
 void MakeHomeDir() {
   platform::Env* env = platform::CurrentEnv();
-  if (!env->Exists(molra::kHomeDir)) env->CreateDirectory(molra::kHomeDir);
+  if (!env->Exists(molra::kHomeDir)) env->MakeDirectory(molra::kHomeDir);
 }
 
 }  // namespace
@@ -27,10 +27,10 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
   MakeHomeDir();
   platform::Env* env = platform::CurrentEnv();
   if (env->Exists(molra::kCatalogPath)) {
-    const DWORD attributes = env->GetFileAttributes(molra::kCatalogPath);
+    const DWORD attributes = env->GetAttributes(molra::kCatalogPath);
     if (attributes != platform::kInvalidFileAttributes &&
         (attributes & platform::kFileAttributeHidden) == 0) {
-      env->SetFileAttributes(molra::kCatalogPath, attributes | platform::kFileAttributeHidden);
+      env->SetAttributes(molra::kCatalogPath, attributes | platform::kFileAttributeHidden);
     }
   }
 
@@ -103,6 +103,8 @@ LONG CMOLRA::SaveFSInfo(LONG basket) {
     const DWORD count = m_ppBasket ? static_cast<DWORD>(m_ppBasket->size()) : 0;
     const DWORD records = m_FsHdr.dwBaskets < count ? m_FsHdr.dwBaskets : count;
     if (records > 0) {
+      // Straight behind the head, also when the head's write failed.
+      file.Seek(sizeof(_tagFSHDR), 0);
       file.Write(m_ppBasket->data(), records * static_cast<DWORD>(sizeof(_tagFSBSKINFO)));
     }
   } else if (const _tagFSBSKINFO* record = Basket(static_cast<DWORD>(basket))) {

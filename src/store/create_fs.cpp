@@ -118,7 +118,7 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
     char driveDir[16];
     std::snprintf(driveDir, sizeof driveDir, "%c:\\MOLRA",
                   static_cast<char>('A' + locations[e].chDrive));
-    platform::CurrentEnv()->CreateDirectory(driveDir);
+    platform::CurrentEnv()->MakeDirectory(driveDir);
 
     for (LONG k = 0; k < locations[e].lCount; ++k) {
       const DWORD place = static_cast<DWORD>(records->size());
@@ -152,7 +152,7 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
     // and the drive directories, stay for a later attempt to reuse.
     for (DWORD n = oldCount; n < records->size(); ++n) {
       std::snprintf(file, sizeof file, "%s%s", (*records)[n].szPath, molra::kDataExt);
-      platform::CurrentEnv()->DeleteFile(file);
+      platform::CurrentEnv()->RemoveFile(file);
     }
     return failure;
   }

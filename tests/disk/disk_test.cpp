@@ -20,7 +20,7 @@ class DiskTest : public molra_test::TempDrives {
  protected:
   void SetUp() override {
     TempDrives::SetUp();
-    ASSERT_TRUE(platform::Env::Default()->CreateDirectory("C:\\FSDIR"));
+    ASSERT_TRUE(platform::Env::Default()->MakeDirectory("C:\\FSDIR"));
   }
   std::string LogPath() const { return Real('c', "FSDIR/status.dat"); }
   std::string Contents(const std::string& real) const {

@@ -80,7 +80,7 @@ TEST_F(EnvTest, PathsMapToDriveRootsWhateverTheCaseAndSeparator) {
   EXPECT_EQ(Resolve("q:\\x"), Root('q') + "/deep/root/x");
   EXPECT_TRUE(FileExists(Root('q') + "/deep/root"));  // made on first use
 
-  ASSERT_TRUE(Env()->CreateDirectory("C:\\FSDIR"));
+  ASSERT_TRUE(Env()->MakeDirectory("C:\\FSDIR"));
   { std::ofstream(Real('c', "FSDIR/x")) << "abc"; }
   auto same = Open("c:\\fsdir\\X", Access::kRead, kShareReadWrite, Disposition::kOpenExisting);
   ASSERT_NE(same, nullptr);
@@ -97,22 +97,22 @@ TEST_F(EnvTest, PathsMapToDriveRootsWhateverTheCaseAndSeparator) {
 
 TEST_F(EnvTest, HiddenBitStaysWithTheFileAcrossProcesses) {
   const char* path = "C:\\MOLRA.CFT";
-  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kInvalidFileAttributes);
+  EXPECT_EQ(Env()->GetAttributes(path), platform::kInvalidFileAttributes);
   EXPECT_EQ(GetLastError(), platform::kErrorFileNotFound);
   ASSERT_NE(Open(path, Access::kWrite, kShareReadWrite), nullptr);
-  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kFileAttributeNormal);
+  EXPECT_EQ(Env()->GetAttributes(path), platform::kFileAttributeNormal);
   Child setter(
-      [] { return Env()->SetFileAttributes("c:\\molra.cft", platform::kFileAttributeHidden); });
+      [] { return Env()->SetAttributes("c:\\molra.cft", platform::kFileAttributeHidden); });
   ASSERT_TRUE(setter.ok);
   setter.Exit();
-  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kFileAttributeHidden);
-  EXPECT_TRUE(Env()->SetFileAttributes(path, platform::kFileAttributeNormal));
-  EXPECT_EQ(Env()->GetFileAttributes(path), platform::kFileAttributeNormal);
+  EXPECT_EQ(Env()->GetAttributes(path), platform::kFileAttributeHidden);
+  EXPECT_TRUE(Env()->SetAttributes(path, platform::kFileAttributeNormal));
+  EXPECT_EQ(Env()->GetAttributes(path), platform::kFileAttributeNormal);
 }
 
 TEST_F(EnvTest, FindFilesMatchesAnyCaseAndReportsLastWrite) {
-  ASSERT_TRUE(Env()->CreateDirectory("C:\\FSDIR"));
-  ASSERT_TRUE(Env()->CreateDirectory("C:\\FSDIR\\QS"));
+  ASSERT_TRUE(Env()->MakeDirectory("C:\\FSDIR"));
+  ASSERT_TRUE(Env()->MakeDirectory("C:\\FSDIR\\QS"));
   for (const char* name : {"a.STI", "b.sti", "c.stix", "d.st", "b.sti.cdt"}) {
     std::ofstream(Real('c', std::string("FSDIR/QS/") + name)).put('x');
   }
@@ -167,16 +167,16 @@ TEST_F(EnvTest, DeleteFailsWhileAnyHandleIsOpenAndExitReleasesLocks) {
   {
     Child holder([&] { return Open(path, Access::kRead, kShareReadWrite).release(); });
     ASSERT_TRUE(holder.ok);
-    EXPECT_FALSE(Env()->DeleteFile(path));
+    EXPECT_FALSE(Env()->RemoveFile(path));
     EXPECT_EQ(GetLastError(), platform::kErrorSharingViolation);
     EXPECT_EQ(Open(path, Access::kRead, kShareNone), nullptr);
     holder.Exit();
     EXPECT_NE(Open(path, Access::kRead, kShareNone), nullptr);
   }
   auto file = Open(path, Access::kReadWrite, kShareReadWrite);
-  EXPECT_FALSE(Env()->DeleteFile(path));
+  EXPECT_FALSE(Env()->RemoveFile(path));
   file.reset();
-  EXPECT_TRUE(Env()->DeleteFile(path));
+  EXPECT_TRUE(Env()->RemoveFile(path));
   EXPECT_FALSE(Env()->Exists(path));
 }
 
@@ -205,10 +205,10 @@ TEST_F(EnvTest, FailedWritesWriteNothingAndPowerCutStopsEveryChange) {
   EXPECT_TRUE(faults->PowerCut());
   EXPECT_EQ(faults->Writes(), 3u);
   EXPECT_FALSE(file->SetEnd());
-  EXPECT_FALSE(env->DeleteFile("C:\\b.dat"));
+  EXPECT_FALSE(env->RemoveFile("C:\\b.dat"));
   EXPECT_FALSE(env->AppendText("C:\\b.dat", "lost"));
-  EXPECT_FALSE(env->SetFileAttributes("C:\\b.dat", platform::kFileAttributeHidden));
-  EXPECT_FALSE(env->CreateDirectory("C:\\NEW"));
+  EXPECT_FALSE(env->SetAttributes("C:\\b.dat", platform::kFileAttributeHidden));
+  EXPECT_FALSE(env->MakeDirectory("C:\\NEW"));
   EXPECT_EQ(env->OpenFile("C:\\b.dat", Access::kWrite, 3, Disposition::kCreateAlways), nullptr);
   EXPECT_EQ(env->OpenFile("C:\\c.dat", Access::kWrite, 3, Disposition::kOpenAlways), nullptr);
   EXPECT_EQ(platform::GetLastError(), platform::kErrorWriteFault);

@@ -13,7 +13,7 @@ using molra_test::U32At;
 using CatalogueTest = molra_test::StoreTest;
 
 bool CatalogueHidden() {
-  return molra::platform::CurrentEnv()->GetFileAttributes("C:\\FSDIR\\MOLRA.CFT") & 0x2;
+  return molra::platform::CurrentEnv()->GetAttributes("C:\\FSDIR\\MOLRA.CFT") & 0x2;
 }
 
 void ExpectDefaultHead(const _tagFSHDR* head) {
