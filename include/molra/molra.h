@@ -30,6 +30,14 @@ class CMOLRA {
   virtual void OnReadingData(_tagCHUNKHDR* header);
   virtual ~CMOLRA();
 
+  // Opening and closing. OpenFS closes first, loads the catalogue and
+  // opens the current basket: mode 0 records, 1 plays back. CloseFS saves
+  // nothing: the files are up to date after every call. SetExit raises
+  // (non-zero) or lowers the flag that stops a long read, from any thread.
+  LONG OpenFS(LONG mode);
+  void CloseFS();
+  LONG SetExit(int exit);
+
   // Catalogue.
   // Appends the baskets of each drive entry behind the catalogue in
   // memory and writes the catalogue. FS_OK, FS_ERR_CATALOG (baskets made,
@@ -53,6 +61,8 @@ class CMOLRA {
   LONG LoadFSInfo(LONG unused);
   LONG SaveFSInfo(LONG basket);  // -1: the head and every record
   LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
+  // Moves the open store to the files of basket n.
+  LONG OpenBsk(LONG basket);
 
   // The catalogue record of basket n; nullptr when n names none.
   _tagFSBSKINFO* Basket(DWORD n);

@@ -1,0 +1,193 @@
+// Opening, closing and filling a basket's index tree.
+#include "index/fs_index.h"
+
+#include <cstring>
+
+#include "platform/settings.h"
+
+namespace {
+
+constexpr WORD kIndexVersion = 256;
+constexpr DWORD kTopBit = 0x80000000u;
+constexpr DWORD kDefaultReadAhead = 64 * 1024;
+
+void FreshHeader(_tagIDXHDR* header) {
+  std::memset(header, 0, sizeof *header);
+  header->cMagic[0] = 'Y';
+  header->cMagic[1] = 'K';
+  header->wVersion = kIndexVersion;
+}
+
+}  // namespace
+
+CFsIndex::CFsIndex() : m_dwReadAhead(kDefaultReadAhead) { FreshHeader(&m_Hdr); }
+
+CFsIndex::~CFsIndex() {
+  if (IsOpen() && !Close()) CFsFile::Close();
+}
+
+int CFsIndex::CompareKey(const char* a, const char* b, int n) {
+  // Anything but a prefix length of 0 to 20 compares the whole key.
+  const int length = n < 0 || n > static_cast<int>(molra::kKeyLength)
+                         ? static_cast<int>(molra::kKeyLength)
+                         : n;
+  for (int i = 0; i < length; ++i) {
+    const int d = static_cast<unsigned char>(a[i]) - static_cast<unsigned char>(b[i]);
+    if (d != 0) return d;
+  }
+  return 0;
+}
+
+int CFsIndex::ReadNode(_tagIDXNODE* node, DWORD offset) {
+  return Seek(offset, 0) && Read(node, sizeof *node) ? 1 : 0;
+}
+
+int CFsIndex::WriteNode(const _tagIDXNODE* node, DWORD offset) {
+  return Seek(offset, 0) && Write(node, sizeof *node) ? 1 : 0;
+}
+
+int CFsIndex::ReadHeader(_tagIDXHDR* header) {
+  return Seek(0, 0) && Read(header, sizeof *header) ? 1 : 0;
+}
+
+int CFsIndex::WriteHeader(const _tagIDXHDR* header) {
+  if (!(Seek(0, 0) && Write(header, sizeof *header))) return 0;
+  m_bWrote = true;
+  return 1;
+}
+
+int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
+  if (m_dwReadAhead < sizeof *node) return ReadNode(node, offset);
+  const auto inBlock = [&] {
+    return offset >= block->start && offset - block->start <= block->length &&
+           block->length - (offset - block->start) >= sizeof *node;
+  };
+  if (!inBlock()) {
+    // Read the nodes that follow in one go: a chain lies in file order.
+    // Only what the file holds counts, so a node beyond its end fails
+    // exactly as a read of that node alone would.
+    const DWORD size = GetSize();
+    if (offset >= size) return ReadNode(node, offset);
+    DWORD length = size - offset < m_dwReadAhead ? size - offset : m_dwReadAhead;
+    block->bytes.resize(m_dwReadAhead);
+    if (!(Seek(offset, 0) && Read(block->bytes.data(), length))) {
+      block->length = 0;
+      return ReadNode(node, offset);
+    }
+    block->start = offset;
+    block->length = length;
+    if (!inBlock()) return ReadNode(node, offset);
+  }
+  std::memcpy(node, block->bytes.data() + (offset - block->start), sizeof *node);
+  return 1;
+}
+
+int CFsIndex::Open(char const* path, int mode, int reset) {
+  if (!CFsFile::Open(path, mode)) return 0;
+  m_bWrote = false;
+  if (GetSize() >= sizeof(_tagIDXHDR) && !reset) {
+    if (!ReadHeader(&m_Hdr)) {
+      CFsFile::Close();
+      return 0;
+    }
+    if (m_Hdr.wVersion == kIndexVersion && m_Hdr.cMagic[0] == 'Y' && m_Hdr.cMagic[1] == 'K') {
+      return 1;
+    }
+  }
+  FreshHeader(&m_Hdr);
+  m_Hdr.dwOpen = 1;
+  if (!WriteHeader(&m_Hdr)) {
+    CFsFile::Close();
+    return 0;
+  }
+  return 1;
+}
+
+int CFsIndex::Close() {
+  if (!IsOpen()) return 0;
+  m_Hdr.dwOpen = 0;
+  if (m_bWrote) {
+    if (!WriteHeader(&m_Hdr)) return 0;
+  } else {
+    // A copy of the header that this object only read may be older than
+    // the file by now: only the open word is ours to write.
+    if (!(Seek(offsetof(_tagIDXHDR, dwOpen), 0) && Write(&m_Hdr.dwOpen, sizeof m_Hdr.dwOpen))) {
+      return 0;
+    }
+  }
+  return CFsFile::Close();
+}
+
+int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,
+                      DWORD* parentOffset, int* side) {
+  NodeBlock block;
+  DWORD offset = molra::kRootOffset;
+  if (!ReadNodeAhead(parent, offset, &block)) return 0;
+  for (;;) {
+    const int order = CompareKey(key, parent->cKey, -1);
+    if (order == 0) return 0;  // a duplicate is refused
+    DWORD* link = order < 0 ? &parent->dwLeft : &parent->dwRight;
+    if (*link == 0) {
+      *link = newOffset;
+      *parentOffset = offset;
+      *side = order < 0 ? 1 : 2;
+      return 1;
+    }
+    offset = *link;
+    molra::platform::MessageStep();
+    if (!ReadNodeAhead(parent, offset, &block)) return 0;
+  }
+}
+
+int CFsIndex::Insert(const char* key, const _tagIDXREF& ref) {
+  if (!IsOpen()) return 0;
+  _tagIDXNODE node = {};
+  node.Ref = ref;
+  std::memcpy(node.cKey, key, sizeof node.cKey);
+
+  if (m_Hdr.dwEnd == 0) {
+    if (!WriteNode(&node, molra::kRootOffset)) return 0;
+    m_Hdr.dwRoot = m_Hdr.dwEnd = m_Hdr.dwFirst = m_Hdr.dwLast = molra::kRootOffset;
+    m_Hdr.dwCount = 1;
+    if (!WriteHeader(&m_Hdr)) {
+      m_Hdr.dwRoot = m_Hdr.dwEnd = m_Hdr.dwFirst = m_Hdr.dwLast = m_Hdr.dwCount = 0;
+      return 0;
+    }
+    return 1;
+  }
+
+  const DWORD n = m_Hdr.dwEnd + molra::kNodeSize;
+  _tagIDXNODE last;
+  const bool haveLast = ReadNode(&last, m_Hdr.dwLast);
+  const DWORD info = ref.dwInfo;
+  if (haveLast && ((info & kTopBit) != 0 || CompareKey(key, last.cKey, -1) > 0)) {
+    // Append behind the append point, without a descent.
+    node.dwParent = m_Hdr.dwLast;
+    if (!WriteNode(&node, n)) return 0;
+    last.dwRight = n;
+    if (!WriteNode(&last, m_Hdr.dwLast)) return 0;
+    ++m_Hdr.dwCount;
+    m_Hdr.dwLast = m_Hdr.dwEnd = n;
+    m_bWrote = true;  // a failed header write is made up at the next one
+    WriteHeader(&m_Hdr);
+    return 1;
+  }
+
+  _tagIDXNODE parent;
+  DWORD parentOffset = 0;
+  int side = 0;
+  if (!Descend(key, n, &parent, &parentOffset, &side)) return 0;
+  node.dwParent = parentOffset;
+  if (!WriteNode(&node, n)) return 0;
+  if (!WriteNode(&parent, parentOffset)) return 0;
+  if (side == 1) {
+    m_Hdr.dwFirst = n;
+  } else {
+    m_Hdr.dwLast = n;
+  }
+  m_Hdr.dwEnd = n;
+  ++m_Hdr.dwCount;
+  m_bWrote = true;
+  WriteHeader(&m_Hdr);
+  return 1;
+}

@@ -1,0 +1,56 @@
+// The records of a basket's chunk index (.CIN): a header and fixed-size
+// tree nodes linked by file offsets, packed and little-endian.
+#pragma once
+
+#include <cstddef>
+
+#include "molra/records.h"
+
+namespace molra {
+constexpr DWORD kKeyLength = 20;      // "%04d%02d%02d%02d%02d%02d%04d%02d"
+constexpr DWORD kMinuteKeyLength = 12;
+constexpr DWORD kSecondKeyLength = 14;
+}  // namespace molra
+
+#pragma pack(push, 1)
+
+// What a lookup hands back: where a chunk lies and what it carries.
+struct _tagIDXREF {
+  signed char cChannel;
+  DWORD dwInfo;
+  DWORD dwOffset;  // of the chunk's header in the .CDT file
+};
+
+struct _tagIDXHDR {
+  char cMagic[2];  // 'Y', 'K'
+  WORD wVersion;   // 256
+  DWORD dwOpen;    // 1 from a fresh header until the first close
+  DWORD dwRoot;
+  DWORD dwEnd;     // node written last; 0: empty tree
+  DWORD dwFirst;   // where First starts and Prev stops
+  DWORD dwLast;    // append point for in-order keys
+  DWORD dwCount;
+};
+
+struct _tagIDXNODE {
+  DWORD dwParent;  // file offsets; 0 is no link, since 0 is the header
+  DWORD dwLeft;
+  DWORD dwRight;
+  _tagIDXREF Ref;
+  char cKey[20];
+};
+
+#pragma pack(pop)
+
+static_assert(sizeof(_tagIDXREF) == 9, "_tagIDXREF is 9 bytes");
+static_assert(sizeof(_tagIDXHDR) == 28, "_tagIDXHDR is 28 bytes");
+static_assert(offsetof(_tagIDXHDR, dwOpen) == 4, "_tagIDXHDR layout");
+static_assert(offsetof(_tagIDXHDR, dwCount) == 24, "_tagIDXHDR layout");
+static_assert(sizeof(_tagIDXNODE) == 41, "_tagIDXNODE is 41 bytes");
+static_assert(offsetof(_tagIDXNODE, Ref) == 12, "_tagIDXNODE layout");
+static_assert(offsetof(_tagIDXNODE, cKey) == 21, "_tagIDXNODE layout");
+
+namespace molra {
+constexpr DWORD kRootOffset = sizeof(_tagIDXHDR);  // the first node, 28
+constexpr DWORD kNodeSize = sizeof(_tagIDXNODE);   // 41
+}  // namespace molra

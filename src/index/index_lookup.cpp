@@ -1,0 +1,120 @@
+// Finding chunks in a basket's index and walking it both ways.
+#include <cstring>
+
+#include "index/fs_index.h"
+#include "platform/settings.h"
+
+namespace {
+
+// A climb from the end of a run of links gives up after this many parents.
+constexpr int kMaxClimb = 160;
+
+}  // namespace
+
+int CFsIndex::CopyOut(const _tagIDXNODE& node, DWORD offset, char* key, _tagIDXREF* ref) {
+  if (key) std::memcpy(key, node.cKey, sizeof node.cKey);
+  if (ref) *ref = node.Ref;
+  m_dwCursor = offset;
+  return 1;
+}
+
+int CFsIndex::Search(const char* key, _tagIDXNODE* node, DWORD* found, int n) {
+  NodeBlock block;
+  DWORD offset = molra::kRootOffset;
+  if (!ReadNodeAhead(node, offset, &block)) return 0;
+  for (;;) {
+    const int order = CompareKey(key, node->cKey, n);
+    if (order == 0) {
+      *found = offset;
+      return 1;
+    }
+    offset = order < 0 ? node->dwLeft : node->dwRight;
+    if (offset == 0) return 0;
+    molra::platform::MessageStep();
+    if (!ReadNodeAhead(node, offset, &block)) return 0;
+  }
+}
+
+int CFsIndex::Find(const char* key, _tagIDXREF* ref, int n) {
+  if (!IsOpen()) return 0;
+  _tagIDXNODE node;
+  DWORD found = 0;
+  if (!Search(key, &node, &found, n)) return 0;
+  return CopyOut(node, found, nullptr, ref);
+}
+
+int CFsIndex::First(char* key, _tagIDXREF* ref) {
+  if (!IsOpen() || m_Hdr.dwEnd == 0) return 0;
+  _tagIDXNODE node;
+  if (!ReadNode(&node, m_Hdr.dwFirst)) return 0;
+  return CopyOut(node, m_Hdr.dwFirst, key, ref);
+}
+
+int CFsIndex::Last(char* key, _tagIDXREF* ref) {
+  if (!IsOpen() || m_Hdr.dwEnd == 0) return 0;
+  _tagIDXNODE node;
+  if (!ReadNode(&node, m_Hdr.dwEnd)) return 0;
+  return CopyOut(node, m_Hdr.dwEnd, key, ref);
+}
+
+int CFsIndex::Next(char* key, _tagIDXREF* ref) {
+  if (!IsOpen() || m_dwCursor == m_Hdr.dwEnd) return 0;
+  _tagIDXNODE node;
+  DWORD found = 0;
+  if (!NextNode(&node, m_dwCursor, &found)) return 0;
+  return CopyOut(node, found, key, ref);
+}
+
+int CFsIndex::Prev(char* key, _tagIDXREF* ref) {
+  if (!IsOpen() || m_dwCursor == m_Hdr.dwFirst) return 0;
+  _tagIDXNODE node;
+  DWORD found = 0;
+  if (!PrevNode(&node, m_dwCursor, &found)) return 0;
+  return CopyOut(node, found, key, ref);
+}
+
+int CFsIndex::NextNode(_tagIDXNODE* node, DWORD offset, DWORD* found) {
+  if (!ReadNode(node, offset)) return 0;
+  if (node->dwRight != 0) {
+    *found = node->dwRight;
+    return ReadNode(node, node->dwRight);
+  }
+  DWORD child = offset;
+  DWORD parent = node->dwParent;
+  if (parent == 0 || !ReadNode(node, parent)) return 0;
+  for (int pass = 1; pass <= kMaxClimb; ++pass) {
+    if (node->dwLeft == child) {
+      *found = parent;
+      return 1;
+    }
+    if (node->dwRight != child || node->dwParent == 0) return 0;
+    child = parent;
+    parent = node->dwParent;
+    molra::platform::MessageStep();
+    if (!ReadNode(node, parent)) return 0;
+  }
+  return 0;
+}
+
+int CFsIndex::PrevNode(_tagIDXNODE* node, DWORD offset, DWORD* found) {
+  if (!ReadNode(node, offset)) return 0;
+  if (node->dwLeft != 0) {
+    *found = node->dwLeft;
+    return ReadNode(node, node->dwLeft);
+  }
+  DWORD child = offset;
+  DWORD parent = node->dwParent;
+  if (parent == 0 || !ReadNode(node, parent)) return 0;
+  for (int pass = 1; pass <= kMaxClimb; ++pass) {
+    if (node->dwRight == child) {
+      *found = parent;
+      return 1;
+    }
+    if (node->dwLeft != child || node->dwParent == 0) return 0;
+    child = parent;
+    parent = node->dwParent;
+    molra::platform::MessageStep();
+    if (!ReadNode(node, parent)) return 0;
+  }
+  return 0;
+}

@@ -1,0 +1,117 @@
+// Bringing the store into use, ending that use, and moving between
+// baskets.
+#include <cstdio>
+#include <new>
+
+#include "disk/fs_file.h"
+#include "index/fs_index.h"
+#include "molra/molra.h"
+#include "store/store_files.h"
+
+namespace {
+
+// Attempts that the three files of a basket share at a close.
+constexpr int kCloseRetries = 3;
+
+struct BasketPaths {
+  char index[96];
+  char data[96];
+  char table[96];
+};
+
+void MakePaths(const _tagFSBSKINFO& basket, BasketPaths* paths) {
+  std::snprintf(paths->index, sizeof paths->index, "%s%s", basket.szPath, molra::kIndexExt);
+  std::snprintf(paths->data, sizeof paths->data, "%s%s", basket.szPath, molra::kDataExt);
+  std::snprintf(paths->table, sizeof paths->table, "%s%s", basket.szPath, molra::kTableExt);
+}
+
+// Closes `file` with the attempts left; false when they ran out.
+template <typename File>
+bool CloseWithRetries(File& file, int* retries) {
+  while (!file.Close()) {
+    if (++*retries > kCloseRetries) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+LONG CMOLRA::OpenFS(LONG mode) {
+  CloseFS();
+  m_nMode = mode;
+  const LONG loaded = LoadFSInfo(-1);
+  if (loaded != FS_OK) return loaded;
+  const _tagFSBSKINFO* basket = Basket(m_FsHdr.dwCurrent);
+  if (!basket) return FS_ERR_CATALOG;
+  BasketPaths paths;
+  MakePaths(*basket, &paths);
+
+  try {
+    m_pIndex = std::make_shared<CFsIndex>();
+  } catch (const std::bad_alloc&) {
+    return FS_ERR_MEMORY;
+  }
+  if (!m_pIndex->Open(paths.index, CFsFile::kModeReadWrite, 0)) return FS_ERR_INDEX;
+  for (SYSTEMTIME& saved : m_LastSaved) saved = basket->stLast;
+
+  try {
+    m_pData = std::make_shared<CFsFile>();
+  } catch (const std::bad_alloc&) {
+    return FS_ERR_MEMORY;
+  }
+  if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+  if (!m_pData->Read(&m_DataHdr, sizeof m_DataHdr)) return FS_ERR_FILE;
+  if (m_nMode == 0) {
+    m_pData->Close();
+    if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+  }
+
+  try {
+    m_pTable = std::make_shared<CFsFile>();
+  } catch (const std::bad_alloc&) {
+    return FS_ERR_MEMORY;
+  }
+  if (!m_pTable->Open(paths.table, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+
+  m_nOpenBasket = static_cast<LONG>(m_FsHdr.dwCurrent);
+  return FS_OK;
+}
+
+void CMOLRA::CloseFS() {
+  if (m_pIndex && m_pTable && m_pData) {
+    int retries = 0;
+    // Index, table, data, with one budget of attempts for the three.
+    if (CloseWithRetries(*m_pIndex, &retries) && CloseWithRetries(*m_pTable, &retries)) {
+      CloseWithRetries(*m_pData, &retries);
+    }
+  }
+  // Whatever a failed open or close has left behind is let go here: each
+  // object releases its own handle once, and no later call reaches it.
+  m_pIndex.reset();
+  m_pTable.reset();
+  m_pData.reset();
+  m_ppBasket.reset();
+  m_nOpenBasket = -1;
+  m_FsHdr.dwBaskets = 0;
+}
+
+LONG CMOLRA::OpenBsk(LONG basket) {
+  const _tagFSBSKINFO* record = basket >= 0 ? Basket(static_cast<DWORD>(basket)) : nullptr;
+  if (m_lExit.load() != 0 || !m_pIndex || !m_pIndex->IsOpen() || !record) {
+    return FS_ERR_INDEX;
+  }
+  if (!m_pTable || !m_pData) return FS_ERR_FILE;
+  if (!m_pIndex->Close() || !m_pTable->Close() || !m_pData->Close()) return FS_ERR_FILE;
+
+  BasketPaths paths;
+  MakePaths(*record, &paths);
+  if (!m_pIndex->Open(paths.index, CFsFile::kModeReadWrite, 0)) return FS_ERR_INDEX;
+  if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+  if (!m_pTable->Open(paths.table, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+  return FS_OK;
+}
+
+LONG CMOLRA::SetExit(int exit) {
+  m_lExit.exchange(exit);
+  return FS_OK;
+}
