@@ -38,11 +38,15 @@ int CFsIndex::CompareKey(const char* a, const char* b, int n) {
   return 0;
 }
 
+// No node lies inside the header: a link or cursor that points there is
+// damage or no position at all, and must neither read nor overwrite it.
 int CFsIndex::ReadNode(_tagIDXNODE* node, DWORD offset) {
+  if (offset < molra::kRootOffset) return 0;
   return Seek(offset, 0) && Read(node, sizeof *node) ? 1 : 0;
 }
 
 int CFsIndex::WriteNode(const _tagIDXNODE* node, DWORD offset) {
+  if (offset < molra::kRootOffset) return 0;
   return Seek(offset, 0) && Write(node, sizeof *node) ? 1 : 0;
 }
 
@@ -51,13 +55,11 @@ int CFsIndex::ReadHeader(_tagIDXHDR* header) {
 }
 
 int CFsIndex::WriteHeader(const _tagIDXHDR* header) {
-  if (!(Seek(0, 0) && Write(header, sizeof *header))) return 0;
-  m_bWrote = true;
-  return 1;
+  return Seek(0, 0) && Write(header, sizeof *header) ? 1 : 0;
 }
 
 int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
-  if (m_dwReadAhead < sizeof *node) return ReadNode(node, offset);
+  if (m_dwReadAhead < sizeof *node || offset < molra::kRootOffset) return ReadNode(node, offset);
   const auto inBlock = [&] {
     return offset >= block->start && offset - block->start <= block->length &&
            block->length - (offset - block->start) >= sizeof *node;
@@ -68,8 +70,8 @@ int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
     // exactly as a read of that node alone would.
     const DWORD size = GetSize();
     if (offset >= size) return ReadNode(node, offset);
-    DWORD length = size - offset < m_dwReadAhead ? size - offset : m_dwReadAhead;
-    block->bytes.resize(m_dwReadAhead);
+    const DWORD length = size - offset < m_dwReadAhead ? size - offset : m_dwReadAhead;
+    block->bytes.resize(length);
     if (!(Seek(offset, 0) && Read(block->bytes.data(), length))) {
       block->length = 0;
       return ReadNode(node, offset);
@@ -123,10 +125,18 @@ int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,
   NodeBlock block;
   DWORD offset = molra::kRootOffset;
   if (!ReadNodeAhead(parent, offset, &block)) return 0;
+  bool fresh = m_dwReadAhead < sizeof *parent;
   for (;;) {
     const int order = CompareKey(key, parent->cKey, -1);
     if (order == 0) return 0;  // a duplicate is refused
     DWORD* link = order < 0 ? &parent->dwLeft : &parent->dwRight;
+    if (*link == 0 && !fresh) {
+      // A link may have been set since the block was read; the parent
+      // that is written back must be the node as it stands.
+      if (!ReadNode(parent, offset)) return 0;
+      fresh = true;
+      continue;
+    }
     if (*link == 0) {
       *link = newOffset;
       *parentOffset = offset;
@@ -136,11 +146,14 @@ int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,
     offset = *link;
     molra::platform::MessageStep();
     if (!ReadNodeAhead(parent, offset, &block)) return 0;
+    fresh = m_dwReadAhead < sizeof *parent;
   }
 }
 
 int CFsIndex::Insert(const char* key, const _tagIDXREF& ref) {
   if (!IsOpen()) return 0;
+  // From the first insert on, this object's header is the file's.
+  m_bWrote = true;
   _tagIDXNODE node = {};
   node.Ref = ref;
   std::memcpy(node.cKey, key, sizeof node.cKey);
@@ -168,8 +181,7 @@ int CFsIndex::Insert(const char* key, const _tagIDXREF& ref) {
     if (!WriteNode(&last, m_Hdr.dwLast)) return 0;
     ++m_Hdr.dwCount;
     m_Hdr.dwLast = m_Hdr.dwEnd = n;
-    m_bWrote = true;  // a failed header write is made up at the next one
-    WriteHeader(&m_Hdr);
+    WriteHeader(&m_Hdr);  // a failed header write is made up at the next one
     return 1;
   }
 
@@ -187,7 +199,6 @@ int CFsIndex::Insert(const char* key, const _tagIDXREF& ref) {
   }
   m_Hdr.dwEnd = n;
   ++m_Hdr.dwCount;
-  m_bWrote = true;
   WriteHeader(&m_Hdr);
   return 1;
 }

@@ -48,7 +48,8 @@ class CFsIndex : public CFsFile {
 
   // How many bytes a scan from the first node reads at a time; 0 reads
   // node by node. The answers are the same either way.
-  void SetReadAhead(DWORD bytes) { m_dwReadAhead = bytes; }
+  void SetReadAhead(DWORD bytes) { m_dwReadAhead = bytes < kMaxReadAhead ? bytes : kMaxReadAhead; }
+  static constexpr DWORD kMaxReadAhead = 1024 * 1024;
 
  protected:
   // Nodes read ahead during one scan; valid for that scan only.

@@ -22,21 +22,32 @@ int CFsIndex::Search(const char* key, _tagIDXNODE* node, DWORD* found, int n) {
   NodeBlock block;
   DWORD offset = molra::kRootOffset;
   if (!ReadNodeAhead(node, offset, &block)) return 0;
+  bool fresh = m_dwReadAhead < sizeof *node;
   for (;;) {
     const int order = CompareKey(key, node->cKey, n);
+    // A node read ahead may lack a link set since: before the walk ends
+    // on it, it is read as it stands, so that the answer is the one a
+    // node-by-node walk would give.
+    const DWORD link = order < 0 ? node->dwLeft : node->dwRight;
+    if ((order == 0 || link == 0) && !fresh) {
+      if (!ReadNode(node, offset)) return 0;
+      fresh = true;
+      continue;
+    }
     if (order == 0) {
       *found = offset;
       return 1;
     }
-    offset = order < 0 ? node->dwLeft : node->dwRight;
-    if (offset == 0) return 0;
+    if (link == 0) return 0;
+    offset = link;
     molra::platform::MessageStep();
     if (!ReadNodeAhead(node, offset, &block)) return 0;
+    fresh = m_dwReadAhead < sizeof *node;
   }
 }
 
 int CFsIndex::Find(const char* key, _tagIDXREF* ref, int n) {
-  if (!IsOpen()) return 0;
+  if (!IsOpen() || m_Hdr.dwEnd == 0) return 0;
   _tagIDXNODE node;
   DWORD found = 0;
   if (!Search(key, &node, &found, n)) return 0;

@@ -62,12 +62,8 @@ CMOLRA& CMOLRA::operator=(const CMOLRA& other) {
 }
 
 // The open files, the records and the clock go with the last object that
-// shares them: a copy that still uses the files keeps them open.
-CMOLRA::~CMOLRA() {
-  if (m_pIndex.use_count() <= 1 && m_pData.use_count() <= 1 && m_pTable.use_count() <= 1) {
-    CloseFS();
-  }
-}
+// shares them.
+CMOLRA::~CMOLRA() { CloseFS(); }
 
 int CMOLRA::OnCreatingFS(char* /*path*/, DWORD /*ordinal*/) { return 1; }
 

@@ -78,7 +78,11 @@ LONG CMOLRA::OpenFS(LONG mode) {
 }
 
 void CMOLRA::CloseFS() {
-  if (m_pIndex && m_pTable && m_pData) {
+  // Files that a copy of this object still uses stay open for it; the last
+  // owner closes them.
+  const bool shared =
+      m_pIndex.use_count() > 1 || m_pTable.use_count() > 1 || m_pData.use_count() > 1;
+  if (m_pIndex && m_pTable && m_pData && !shared) {
     int retries = 0;
     // Index, table, data, with one budget of attempts for the three.
     if (CloseWithRetries(*m_pIndex, &retries) && CloseWithRetries(*m_pTable, &retries)) {
