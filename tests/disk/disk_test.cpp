@@ -23,71 +23,27 @@ class DiskTest : public molra_test::TempDrives {
     ASSERT_TRUE(platform::Env::Default()->MakeDirectory("C:\\FSDIR"));
   }
   std::string LogPath() const { return Real('c', "FSDIR/status.dat"); }
-  std::string Contents(const std::string& real) const {
-    const auto bytes = ReadAll(real);
-    return std::string(bytes.begin(), bytes.end());
-  }
-  std::string Log() const { return Contents(LogPath()); }
+  std::string Log() const { return ReadAll(LogPath()); }
 };
 
-TEST_F(DiskTest, OpenMakesAbsentFilesInEveryModeButNoDirectories) {
+TEST_F(DiskTest, OpenMakesAbsentFilesButNoDirectoriesAndRetriesASharedFile) {
+  CFsFile file;
   for (const int mode : {CFsFile::kModeRead, CFsFile::kModeWrite, CFsFile::kModeReadWrite}) {
     const std::string name = "M" + std::to_string(mode) + ".DAT";
-    CFsFile file;
     EXPECT_EQ(file.Open(("C:\\FSDIR\\" + name).c_str(), mode), 1);
     EXPECT_EQ(FileSize(Real('c', "FSDIR/" + name)), 0);
   }
-  CFsFile file;
   EXPECT_EQ(file.Open("C:\\FSDIR\\QS\\x.sti", CFsFile::kModeReadWrite), 0);
   EXPECT_FALSE(file.IsOpen());
   EXPECT_FALSE(FileExists(Real('c', "FSDIR/QS")));
-  EXPECT_EQ(Log(), std::string("fail to Open File System 3 : C:\\FSDIR\\QS\\x.sti") + kStamp);
-}
+  std::string expected = std::string("fail to Open File System 3 : C:\\FSDIR\\QS\\x.sti") + kStamp;
+  EXPECT_EQ(Log(), expected);
 
-TEST_F(DiskTest, ReadsAreExactAndClosedObjectRefusesEverything) {
-  CFsFile file;
-  char buffer[8] = {};
-  EXPECT_EQ(file.GetSize(), 0u);
-  EXPECT_EQ(file.Seek(5, 0), 0);
-  EXPECT_EQ(file.Read(buffer, 1), 0);
-  EXPECT_EQ(file.Close(), 0);
-
-  ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeReadWrite), 1);
-  EXPECT_EQ(file.Write("0123456789", 10), 1);
-  EXPECT_EQ(file.GetSize(), 10u);
-  EXPECT_EQ(file.Seek(5, 0), 1);
-  EXPECT_EQ(file.Read(buffer, 5), 1);
-  EXPECT_EQ(std::string(buffer, 5), "56789");
-  char tail[8] = "-------";
-  EXPECT_EQ(file.Seek(5, 0), 1);
-  EXPECT_EQ(file.Read(tail, 6), 0);  // short by one: what was there still arrives
-  EXPECT_EQ(std::string(tail, 6), "56789-");
-  EXPECT_EQ(file.Close(), 1);
-  EXPECT_EQ(file.Close(), 0);
-  ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeRead), 1);
-  EXPECT_EQ(file.Write("x", 1), 0);  // a reading handle cannot write
-  EXPECT_EQ(Log(), "");
-}
-
-TEST_F(DiskTest, CreateSizedSetsLengthWithoutWritingAndStaysAtTheEnd) {
-  std::ofstream(Real('c', "FSDIR/big.cdt")) << std::string(100, 'x');
-  CFsFile file;
-  ASSERT_EQ(file.CreateSized("c:\\fsdir\\BIG.CDT", 10), 1);
-  EXPECT_EQ(file.GetSize(), 10u);
-  EXPECT_EQ(file.Write("Z", 1), 1);
-  ASSERT_EQ(file.CreateSized("C:\\FSDIR\\new.cin", 4096), 1);  // closes BIG.CDT first
-  EXPECT_EQ(Contents(Real('c', "FSDIR/big.cdt")), "xxxxxxxxxxZ");
-  EXPECT_EQ(Contents(Real('c', "FSDIR/new.cin")), std::string(4096, '\0'));
-}
-
-TEST_F(DiskTest, OpenRetriesFiveTimesOnSharingViolation) {
   const char* path = "c:\\FSDIR\\busy.cdt";
   auto holder = platform::Env::Default()->OpenFile(
       path, platform::Access::kRead, platform::kShareNone, platform::Disposition::kOpenAlways);
   ASSERT_NE(holder, nullptr);
-  CFsFile file;
   EXPECT_EQ(file.Open(path, CFsFile::kModeRead), 0);
-  std::string expected;
   for (int retry = 1; retry <= 5; ++retry) {
     expected += "retry " + std::to_string(retry) + " : " + path + kStamp;
   }
@@ -96,31 +52,53 @@ TEST_F(DiskTest, OpenRetriesFiveTimesOnSharingViolation) {
   EXPECT_EQ(file.Open(path, CFsFile::kModeRead), 1);
 }
 
+TEST_F(DiskTest, ReadsAndSizesAreExactAndAClosedObjectRefusesEverything) {
+  CFsFile file;
+  char buffer[8] = "-------";
+  EXPECT_EQ(file.GetSize() + file.Seek(5, 0) + file.Read(buffer, 1) + file.Close(), 0u);
+
+  ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeReadWrite), 1);
+  EXPECT_EQ(file.Write("0123456789", 10), 1);
+  EXPECT_EQ(file.Seek(8, 0), 1);
+  EXPECT_EQ(file.Read(buffer, 2), 1);
+  EXPECT_EQ(file.Seek(5, 0), 1);
+  EXPECT_EQ(file.Read(buffer, 6), 0);  // short by one: what was there still arrives
+  EXPECT_EQ(std::string(buffer, 6), "56789-");
+  EXPECT_EQ(file.Close(), 1);
+  EXPECT_EQ(file.Close(), 0);
+  ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeRead), 1);
+  EXPECT_EQ(file.Write("x", 1), 0);  // a reading handle cannot write
+
+  // A sized file is cut or grown without writing, and the handle stays at its end.
+  ASSERT_EQ(file.CreateSized("c:\\fsdir\\A.DAT", 4), 1);
+  EXPECT_EQ(file.Write("Z", 1), 1);
+  ASSERT_EQ(file.CreateSized("C:\\FSDIR\\new.cin", 4096), 1);
+  EXPECT_EQ(ReadAll(Real('c', "FSDIR/a.dat")), "0123Z");
+  EXPECT_EQ(ReadAll(Real('c', "FSDIR/new.cin")), std::string(4096, '\0'));
+  EXPECT_EQ(Log(), "");
+}
+
 TEST_F(DiskTest, FailedCloseIsRetriedOrReportedAndLeavesTheFileOpen) {
   platform::ScopedFaultInjection faults;  // outlives the file below
   CFsFile file;
   ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeReadWrite), 1);
+  faults->FailCloses(1, platform::kErrorInvalidHandle);
+  EXPECT_EQ(file.Close(), 0);
+  std::string expected = std::string("ERROR_INVALID_HANDLE - close : 6 \n") + kStamp;
+
   std::string retries;
   for (int i = 0; i < 5; ++i) retries += std::string("retry  - close") + kStamp;
-
   faults->FailCloses(6, platform::kErrorSharingViolation);
   EXPECT_EQ(file.Close(), 0);
   EXPECT_TRUE(file.IsOpen());
-  std::string expected =
-      retries + "fail to Open File System - Sharing Violation - close : 32 \n" + kStamp;
+  expected += retries + "fail to Open File System - Sharing Violation - close : 32 \n" + kStamp;
   EXPECT_EQ(Log(), expected);
   faults->FailCloses(5, platform::kErrorSharingViolation);  // the sixth try goes through
   EXPECT_EQ(file.Close(), 1);
-  EXPECT_EQ(Log(), expected += retries);
-
-  ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeRead), 1);
-  faults->FailCloses(1, platform::kErrorInvalidHandle);
-  EXPECT_EQ(file.Close(), 0);
-  EXPECT_TRUE(file.IsOpen());
-  EXPECT_EQ(Log(), expected + "ERROR_INVALID_HANDLE - close : 6 \n" + kStamp);
+  EXPECT_EQ(Log(), expected + retries);
 }
 
-TEST_F(DiskTest, LogLinesEndInLocalTimeWithoutLeadingZeros) {
+TEST_F(DiskTest, LogLinesEndInLocalTimeAndTheLogStartsAfreshAtTenMiB) {
   FsStatusLog("x");
   // An hour west of UTC, just into a new year: day, month and year fall back.
   m_clock = SYSTEMTIME{2010, 1, 5, 1, 0, 5, 7, 0};
@@ -129,17 +107,14 @@ TEST_F(DiskTest, LogLinesEndInLocalTimeWithoutLeadingZeros) {
   zone.Bias = 60;
   platform::SetTimeZone(&zone);
   FsStatusLog("y");
-  EXPECT_EQ(Log(), std::string("x") + kStamp + "y 2009:12:31 - 23:5:7\n");
-}
+  const std::string line = "y 2009:12:31 - 23:5:7\n";
+  EXPECT_EQ(Log(), std::string("x") + kStamp + line);
 
-TEST_F(DiskTest, LogStartsAfreshOnceItReachesTenMiB) {
-  const std::string line = std::string("next") + kStamp;
-  std::ofstream create(LogPath());
   ASSERT_EQ(::truncate(LogPath().c_str(), 10485759), 0);  // sparse: quick to make
-  FsStatusLog("next");
+  FsStatusLog("y");
   EXPECT_EQ(FileSize(LogPath()), 10485759 + static_cast<long long>(line.size()));
   ASSERT_EQ(::truncate(LogPath().c_str(), 10485760), 0);
-  FsStatusLog("next");
+  FsStatusLog("y");
   EXPECT_EQ(Log(), line);
 }
 

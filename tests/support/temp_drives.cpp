@@ -2,11 +2,10 @@
 
 #include <sys/stat.h>
 
-#include <cctype>
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 
 #include "molra/platform.h"
 
@@ -34,23 +33,10 @@ void TempDrives::TearDown() {
   std::filesystem::remove_all(m_base, ignored);
 }
 
-std::string TempDrives::Root(char letter) const {
-  return m_base + "/" + static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-}
-
-std::string TempDrives::Real(char letter, const std::string& relative) const {
-  return Root(letter) + "/" + relative;
-}
-
-std::vector<unsigned char> TempDrives::ReadAll(const std::string& realPath) {
-  std::ifstream in(realPath, std::ios::binary);
-  return std::vector<unsigned char>(std::istreambuf_iterator<char>(in),
-                                    std::istreambuf_iterator<char>());
-}
-
-bool TempDrives::FileExists(const std::string& realPath) {
-  struct stat st;
-  return ::stat(realPath.c_str(), &st) == 0;
+Bytes TempDrives::ReadAll(const std::string& realPath, size_t limit) {
+  Bytes bytes(std::min(limit, static_cast<size_t>(std::max(FileSize(realPath), 0LL))), '\0');
+  std::ifstream(realPath, std::ios::binary).read(bytes.data(), static_cast<long>(bytes.size()));
+  return bytes;
 }
 
 long long TempDrives::FileSize(const std::string& realPath) {

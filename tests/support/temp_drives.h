@@ -5,12 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdint>
 #include <string>
-#include <vector>
 
 #include "molra/molra.h"
 
 namespace molra_test {
+
+using Bytes = std::string;  // file contents, byte for byte
 
 class TempDrives : public ::testing::Test {
  protected:
@@ -18,13 +21,18 @@ class TempDrives : public ::testing::Test {
   void TearDown() override;
 
   // The real directory of drive `letter`, and of a path on it.
-  std::string Root(char letter) const;
-  std::string Real(char letter, const std::string& relative) const;
+  std::string Root(char letter) const {
+    return m_base + "/" + static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+  }
+  std::string Real(char letter, const std::string& relative) const {
+    return Root(letter) + "/" + relative;
+  }
 
-  // Whole contents of a real file (empty when absent).
-  static std::vector<unsigned char> ReadAll(const std::string& realPath);
-  static bool FileExists(const std::string& realPath);
+  // Contents of a real file up to `limit` bytes (empty when absent), and
+  // its size (-1 when absent).
+  static Bytes ReadAll(const std::string& realPath, size_t limit = SIZE_MAX);
   static long long FileSize(const std::string& realPath);
+  static bool FileExists(const std::string& realPath) { return FileSize(realPath) >= 0; }
 
   // The fixed clock: 2010-11-18 09:30:15.250 UTC unless a test moves it.
   SYSTEMTIME m_clock{};
