@@ -70,6 +70,8 @@ class CFsIndex : public CFsFile {
   int Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent, DWORD* parentOffset,
               int* side);
   int CopyOut(const _tagIDXNODE& node, DWORD offset, char* key, _tagIDXREF* ref);
+  // NextNode (forward) and PrevNode.
+  int Walk(_tagIDXNODE* node, DWORD offset, DWORD* found, bool forward);
 
   _tagIDXHDR m_Hdr;
   DWORD m_dwCursor = 0;

@@ -85,43 +85,34 @@ int CFsIndex::Prev(char* key, _tagIDXREF* ref) {
 }
 
 int CFsIndex::NextNode(_tagIDXNODE* node, DWORD offset, DWORD* found) {
-  if (!ReadNode(node, offset)) return 0;
-  if (node->dwRight != 0) {
-    *found = node->dwRight;
-    return ReadNode(node, node->dwRight);
-  }
-  DWORD child = offset;
-  DWORD parent = node->dwParent;
-  if (parent == 0 || !ReadNode(node, parent)) return 0;
-  for (int pass = 1; pass <= kMaxClimb; ++pass) {
-    if (node->dwLeft == child) {
-      *found = parent;
-      return 1;
-    }
-    if (node->dwRight != child || node->dwParent == 0) return 0;
-    child = parent;
-    parent = node->dwParent;
-    molra::platform::MessageStep();
-    if (!ReadNode(node, parent)) return 0;
-  }
-  return 0;
+  return Walk(node, offset, found, true);
 }
 
 int CFsIndex::PrevNode(_tagIDXNODE* node, DWORD offset, DWORD* found) {
+  return Walk(node, offset, found, false);
+}
+
+// Forward: the right child itself, else up to the first parent that has
+// the way up as its left child. Backward is the mirror image.
+int CFsIndex::Walk(_tagIDXNODE* node, DWORD offset, DWORD* found, bool forward) {
+  const auto ahead = [forward](const _tagIDXNODE& n) { return forward ? n.dwRight : n.dwLeft; };
+  const auto behind = [forward](const _tagIDXNODE& n) { return forward ? n.dwLeft : n.dwRight; };
   if (!ReadNode(node, offset)) return 0;
-  if (node->dwLeft != 0) {
-    *found = node->dwLeft;
-    return ReadNode(node, node->dwLeft);
+  if (ahead(*node) != 0) {
+    *found = ahead(*node);
+    return ReadNode(node, *found);
   }
   DWORD child = offset;
   DWORD parent = node->dwParent;
   if (parent == 0 || !ReadNode(node, parent)) return 0;
   for (int pass = 1; pass <= kMaxClimb; ++pass) {
-    if (node->dwRight == child) {
+    if (behind(*node) == child) {
       *found = parent;
       return 1;
     }
-    if (node->dwLeft != child || node->dwParent == 0) return 0;
+    // A parent that does not link back, or the root reached from the far
+    // side: nothing follows.
+    if (ahead(*node) != child || node->dwParent == 0) return 0;
     child = parent;
     parent = node->dwParent;
     molra::platform::MessageStep();
