@@ -87,6 +87,7 @@ int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
 int CFsIndex::Open(char const* path, int mode, int reset) {
   if (!CFsFile::Open(path, mode)) return 0;
   m_bWrote = false;
+  m_dwCursor = 0;  // no position in a tree this object has not walked yet
   if (GetSize() >= sizeof(_tagIDXHDR) && !reset) {
     if (!ReadHeader(&m_Hdr)) {
       CFsFile::Close();

@@ -191,8 +191,10 @@ TEST_F(IndexTest, FindTakesTheEarliestChunkOfAPrefixWhateverTheReadAhead) {
 }
 
 TEST_F(IndexTest, AResetIndexIsEmptyAndItsFirstNodeStandsAlone) {
-  Fill(std::make_unique<CFsIndex>().get(), kChain);
   CFsIndex index;
+  Fill(&index, kChain);
+  ASSERT_EQ(index.First(nullptr, nullptr), 1);  // a position in the tree about to go
+  ASSERT_EQ(index.Close(), 1);
   ASSERT_EQ(index.Open(kPath, 2, 1), 1);
   EXPECT_EQ(Head(), (Fields{1, 0, 0, 0, 0, 0}));
   char key[21] = {};
