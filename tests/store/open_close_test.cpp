@@ -104,11 +104,9 @@ TEST_F(OpenCloseTest, OpenFSClosesAndOpensTheCurrentBasket) {
     ASSERT_EQ(store.OpenFS(row.mode), FS_OK);
     EXPECT_TRUE(before.expired());
     before = store.m_pIndex;
-    EXPECT_EQ(store.Files(), "111");
-    EXPECT_EQ(store.m_nMode, row.mode);
-    EXPECT_EQ(store.m_nOpenBasket, static_cast<LONG>(row.current));
+    EXPECT_EQ(std::make_tuple(store.Files(), store.m_nMode, store.m_nOpenBasket, store.m_DataHdr.dwWritePos),
+              std::make_tuple("111", row.mode, static_cast<LONG>(row.current), 16u));
     EXPECT_EQ(store.m_pData->GetSize(), row.current ? 1u << 20 : molra::kDataFileSize);
-    EXPECT_EQ(store.m_DataHdr.dwWritePos, 16u);
     const SYSTEMTIME expected = row.current ? last : SYSTEMTIME{};
     for (const SYSTEMTIME& saved : store.m_LastSaved) {
       EXPECT_EQ(std::memcmp(&saved, &expected, sizeof saved), 0);
@@ -132,8 +130,7 @@ TEST_F(OpenCloseTest, OpenFSFailsOnEachBasketFileOrTheCatalogueAndOpensOnceTheyA
     if (row.kind == kLocked) store.CloseFS();  // a lock waits for the store's own handles
     const std::shared_ptr<void> obstacle = Obstruct(0, row.ext, row.kind);
     EXPECT_EQ(store.OpenFS(row.mode), row.code);
-    EXPECT_EQ(store.m_nMode, row.mode);
-    EXPECT_EQ(store.m_nOpenBasket, -1);
+    EXPECT_EQ(std::make_tuple(store.m_nMode, store.m_nOpenBasket), std::make_tuple(row.mode, -1));
     EXPECT_NE(store.OpenBsk(1), FS_OK);
   }
   EXPECT_EQ(store.OpenFS(0), FS_OK);
@@ -145,8 +142,7 @@ TEST_F(OpenCloseTest, OpenFSFailsOnEachBasketFileOrTheCatalogueAndOpensOnceTheyA
   EXPECT_EQ(FileSize(catalogue), 0);  // left behind, empty
   EXPECT_EQ(Store().CreateFS(nullptr, 0), FS_OK);  // a head that counts no basket
   EXPECT_EQ(store.OpenFS(3), FS_ERR_CATALOG);
-  EXPECT_EQ(store.m_nMode, 3);
-  EXPECT_EQ(store.Files(), "---");
+  EXPECT_EQ(std::make_tuple(store.m_nMode, store.Files()), std::make_tuple(3, "---"));
 }
 
 TEST_F(OpenCloseTest, CloseFSReleasesTheFilesAndKeepsTheRingAndTheFlags) {
