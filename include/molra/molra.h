@@ -61,6 +61,9 @@ class CMOLRA {
   LONG LoadFSInfo(LONG unused);
   LONG SaveFSInfo(LONG basket);  // -1: the head and every record
   LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
+  // Orders two stamps as their texts at a grain order: 1 second, 2 minute,
+  // 3 hour, 4 day, 5 month, 6 year, any other the millisecond. -1, 0, 1.
+  LONG CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
   // Moves the open store to the files of basket n.
   LONG OpenBsk(LONG basket);
 
@@ -73,6 +76,12 @@ class CMOLRA {
   std::atomic<LONG> m_lExit;
 
  public:
+  // Time. Days from b to a, by their dates alone (0 when either date does
+  // not exist); the day of the month of the first Sunday, given the
+  // weekday of the first of the month (1 Sunday to 7 Saturday), else 0.
+  int IntervalSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
+  WORD GetDayOfFirstSunday(int weekDay);
+
   // The rows of a quick-search day file in memory.
   _tagSTIROW m_SaveTime[16];
 

@@ -60,6 +60,18 @@ SYSTEMTIME UnixMillisToStamp(std::int64_t millis) {
   return stamp;
 }
 
+bool DateTimeExists(int year, int month, int day, int hour, int minute, int second) {
+  if (year < 100 || year > 9999 || month < 1 || month > 12 || day < 1) return false;
+  if (hour < 0 || hour > 23 || minute < 0 || minute > 59 || second < 0 || second > 59) {
+    return false;
+  }
+  static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  return day <= kDays[month - 1] + (month == 2 && leap ? 1 : 0);
+}
+
+std::int64_t DayNumber(int year, int month, int day) { return DaysFromCivil(year, month, day); }
+
 void GetSystemTime(SYSTEMTIME* utcNow) {
   if (!FixedClock(utcNow)) CurrentEnv()->NowUtc(utcNow);
 }

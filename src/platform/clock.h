@@ -19,5 +19,12 @@ void Sleep(DWORD milliseconds);
 std::int64_t StampToUnixMillis(const SYSTEMTIME& stamp);
 SYSTEMTIME UnixMillisToStamp(std::int64_t millis);
 
+// The calendar of the platform's date objects: a date and time exists when
+// the year lies in 100 to 9999 and every field names a real Gregorian
+// moment (February 29 in leap years only).
+bool DateTimeExists(int year, int month, int day, int hour, int minute, int second);
+// Days since 1970-01-01 of a date that exists.
+std::int64_t DayNumber(int year, int month, int day);
+
 }  // namespace platform
 }  // namespace molra
