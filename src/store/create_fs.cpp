@@ -111,7 +111,6 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
   DWORD nextNumber = oldCount > 0 ? highest + 1 : 0;
 
   char path[sizeof(_tagFSBSKINFO::szPath)];
-  char file[sizeof path + 8];
   LONG failure = FS_OK;
   for (DWORD e = 0; e < count && failure == FS_OK; ++e) {
     if (locations[e].lCount <= 0) continue;
@@ -134,12 +133,9 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
       platform::GetSystemTime(&record.stCreated);
       records->push_back(record);
 
-      std::snprintf(file, sizeof file, "%s%s", path, molra::kDataExt);
-      bool made = MakeDataFile(file);
-      std::snprintf(file, sizeof file, "%s%s", path, molra::kIndexExt);
-      made = made && MakeIndexFile(file);
-      std::snprintf(file, sizeof file, "%s%s", path, molra::kTableExt);
-      made = made && MakeTableFile(file, zeros);
+      const bool made = MakeDataFile(molra::BasketFile(path, molra::kDataExt)) &&
+                        MakeIndexFile(molra::BasketFile(path, molra::kIndexExt)) &&
+                        MakeTableFile(molra::BasketFile(path, molra::kTableExt), zeros);
       if (!made) {
         failure = FS_ERR_CREATE;
         break;
@@ -151,8 +147,7 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
     // Undo: the data files of the new baskets go; index and table files,
     // and the drive directories, stay for a later attempt to reuse.
     for (DWORD n = oldCount; n < records->size(); ++n) {
-      std::snprintf(file, sizeof file, "%s%s", (*records)[n].szPath, molra::kDataExt);
-      platform::CurrentEnv()->RemoveFile(file);
+      platform::CurrentEnv()->RemoveFile(molra::BasketFile((*records)[n].szPath, molra::kDataExt));
     }
     return failure;
   }

@@ -1,6 +1,6 @@
 // Bringing the store into use, ending that use, and moving between
 // baskets.
-#include <cstdio>
+#include <memory>
 #include <new>
 
 #include "disk/fs_file.h"
@@ -13,16 +13,26 @@ namespace {
 // Attempts that the three files of a basket share at a close.
 constexpr int kCloseRetries = 3;
 
+// The three files of a basket.
 struct BasketPaths {
-  char index[96];
-  char data[96];
-  char table[96];
+  explicit BasketPaths(const _tagFSBSKINFO& basket)
+      : index(basket.szPath, molra::kIndexExt),
+        data(basket.szPath, molra::kDataExt),
+        table(basket.szPath, molra::kTableExt) {}
+  molra::BasketFile index;
+  molra::BasketFile data;
+  molra::BasketFile table;
 };
 
-void MakePaths(const _tagFSBSKINFO& basket, BasketPaths* paths) {
-  std::snprintf(paths->index, sizeof paths->index, "%s%s", basket.szPath, molra::kIndexExt);
-  std::snprintf(paths->data, sizeof paths->data, "%s%s", basket.szPath, molra::kDataExt);
-  std::snprintf(paths->table, sizeof paths->table, "%s%s", basket.szPath, molra::kTableExt);
+// Makes a file object; false when there is no memory for it.
+template <typename T>
+bool Make(std::shared_ptr<T>* object) {
+  try {
+    *object = std::make_shared<T>();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
 }
 
 // Closes `file` with the attempts left; false when they ran out.
@@ -43,22 +53,13 @@ LONG CMOLRA::OpenFS(LONG mode) {
   if (loaded != FS_OK) return loaded;
   const _tagFSBSKINFO* basket = Basket(m_FsHdr.dwCurrent);
   if (!basket) return FS_ERR_CATALOG;
-  BasketPaths paths;
-  MakePaths(*basket, &paths);
+  const BasketPaths paths(*basket);
 
-  try {
-    m_pIndex = std::make_shared<CFsIndex>();
-  } catch (const std::bad_alloc&) {
-    return FS_ERR_MEMORY;
-  }
+  if (!Make(&m_pIndex)) return FS_ERR_MEMORY;
   if (!m_pIndex->Open(paths.index, CFsFile::kModeReadWrite, 0)) return FS_ERR_INDEX;
   for (SYSTEMTIME& saved : m_LastSaved) saved = basket->stLast;
 
-  try {
-    m_pData = std::make_shared<CFsFile>();
-  } catch (const std::bad_alloc&) {
-    return FS_ERR_MEMORY;
-  }
+  if (!Make(&m_pData)) return FS_ERR_MEMORY;
   if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
   if (!m_pData->Read(&m_DataHdr, sizeof m_DataHdr)) return FS_ERR_FILE;
   if (m_nMode == 0) {
@@ -66,11 +67,7 @@ LONG CMOLRA::OpenFS(LONG mode) {
     if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
   }
 
-  try {
-    m_pTable = std::make_shared<CFsFile>();
-  } catch (const std::bad_alloc&) {
-    return FS_ERR_MEMORY;
-  }
+  if (!Make(&m_pTable)) return FS_ERR_MEMORY;
   if (!m_pTable->Open(paths.table, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
 
   m_nOpenBasket = static_cast<LONG>(m_FsHdr.dwCurrent);
@@ -107,8 +104,7 @@ LONG CMOLRA::OpenBsk(LONG basket) {
   if (!m_pTable || !m_pData) return FS_ERR_FILE;
   if (!m_pIndex->Close() || !m_pTable->Close() || !m_pData->Close()) return FS_ERR_FILE;
 
-  BasketPaths paths;
-  MakePaths(*record, &paths);
+  const BasketPaths paths(*record);
   if (!m_pIndex->Open(paths.index, CFsFile::kModeReadWrite, 0)) return FS_ERR_INDEX;
   if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
   if (!m_pTable->Open(paths.table, CFsFile::kModeReadWrite)) return FS_ERR_FILE;

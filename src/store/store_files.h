@@ -1,6 +1,7 @@
 // Fixed places of the store and the default head of its catalogue.
 #pragma once
 
+#include <cstdio>
 #include <cstring>
 
 #include "molra/records.h"
@@ -12,6 +13,18 @@ constexpr char kCatalogPath[] = "C:\\FSDIR\\MOLRA.CFT";
 constexpr char kDataExt[] = ".CDT";
 constexpr char kIndexExt[] = ".CIN";
 constexpr char kTableExt[] = ".CTA";
+
+// One file of a basket: its catalogue path with the extension behind it.
+class BasketFile {
+ public:
+  BasketFile(const char* basketPath, const char* ext) {
+    std::snprintf(m_text, sizeof m_text, "%s%s", basketPath, ext);
+  }
+  operator const char*() const { return m_text; }  // NOLINT: used as a path
+
+ private:
+  char m_text[sizeof(_tagFSBSKINFO::szPath) + 8];
+};
 
 // The head of a catalogue that holds no basket yet.
 inline void SetDefaultHead(_tagFSHDR* head) {
