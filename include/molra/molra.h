@@ -15,12 +15,14 @@
 
 class CFsFile;
 class CFsIndex;
+class CZoneClock;
 
 class CMOLRA {
  public:
   CMOLRA();
-  // A copy shares the original's open files, catalogue records and clock:
-  // whichever object lets go of them last releases them, once.
+  // A copy shares the original's open files and catalogue records:
+  // whichever object lets go of them last releases them, once. It has a
+  // clock of its own with the original's zone and window.
   CMOLRA(const CMOLRA& other);
   CMOLRA& operator=(const CMOLRA& other);
 
@@ -67,6 +69,8 @@ class CMOLRA {
   // Moves the open store to the files of basket n.
   LONG OpenBsk(LONG basket);
 
+  void CopyClock(const CMOLRA& other);
+
   // The catalogue record of basket n; nullptr when n names none.
   _tagFSBSKINFO* Basket(DWORD n);
 
@@ -81,6 +85,38 @@ class CMOLRA {
   // weekday of the first of the month (1 Sunday to 7 Saturday), else 0.
   int IntervalSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
   WORD GetDayOfFirstSunday(int weekDay);
+  // The last day of the month in which t lies locally.
+  WORD GetMaxDay(CTime t);
+
+  // The zone, read at construction: the host's (SetTimeZone) or the
+  // machine's. InitTimeZoneInfo reads it again and works out this year's
+  // daylight change and change back.
+  void InitTimeZoneInfo();
+  // 1 when t lies in this year's daylight time (bUtc: against the bounds
+  // shifted by the bias). In a southern zone daylight time runs from the
+  // change to the year's end and from the year's start to the change back.
+  int CheckDST(CTime t, int bUtc);
+  // 1 for the local hour that the clock shows twice when daylight time ends.
+  int IsOverlappingTime(LONG year, LONG month, LONG day, LONG hour);
+  int IsOverlappingTime(CTime t);
+  // 1 when the UTC stamp lies in the clock's daylight window.
+  int GetIsDST(SYSTEMTIME st);
+  TIME_ZONE_INFORMATION GetTimeZoneInfo();
+  // Reads the bias stored in "c:\fsdir\tz.inf" into pTzi->Bias; 0 when the
+  // file cannot be opened.
+  int GetTimeZoneInfoFromFile(TIME_ZONE_INFORMATION* pTzi);
+
+  // Conversions in place; always 0. A zero flag reads every stamp as
+  // standard time; a chunk header always goes back to local with the
+  // daylight window. A stamp of year 0 stays as it is.
+  LONG ChangeLocalToSystemTime(_tagCHUNKHDR* header, int bDaylight);
+  LONG ChangeLocalToSystemTime(SYSTEMTIME& stamp, int bDaylight);
+  LONG ChangeSystemToLocalTime(_tagCHUNKHDR* header, int bDaylight);
+  LONG ChangeSystemToLocalTime(SYSTEMTIME& stamp, int bDaylight);
+
+  // A copy of basket n's catalogue record with stFirst and stLast in
+  // local time (stCreated stays UTC); FS_ERR_PARAM when n names none.
+  LONG GetBaksetInfo(LONG basket, _tagFSBSKINFO* info);
 
   // The rows of a quick-search day file in memory.
   _tagSTIROW m_SaveTime[16];
@@ -95,6 +131,15 @@ class CMOLRA {
   LONG m_nMode;
   LONG m_nOpenBasket;
   SYSTEMTIME m_LastSaved[16];
+  // The zone and this year's daylight change, in the store's zone.
+  DWORD m_bDST;
+  DWORD m_bOddBias;
+  TIME_ZONE_INFORMATION m_Tzi;
+  CTime m_tDstBegin;
+  CTime m_tDstEnd;
+  CTime m_tDstBeginUtc;
+  CTime m_tDstEndUtc;
+  std::unique_ptr<CZoneClock> m_pClock;
   SYSTEMTIME m_stLastRead;
   BYTE m_ChanHits[32];
 };

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 typedef std::uint8_t BYTE;
@@ -77,13 +78,46 @@ class CString {
   std::string m_str;
 };
 
-// A whole count of seconds since the Unix epoch.
+// A length of time in whole seconds.
+class CTimeSpan {
+ public:
+  CTimeSpan() = default;
+  explicit CTimeSpan(std::int64_t seconds) : m_span(seconds) {}
+  CTimeSpan(LONG days, int hours, int minutes, int seconds)
+      : m_span(((std::int64_t{days} * 24 + hours) * 60 + minutes) * 60 + seconds) {}
+  std::int64_t GetTotalSeconds() const { return m_span; }
+
+ private:
+  std::int64_t m_span = 0;
+};
+
+// A whole count of seconds since the Unix epoch. Local readings and local
+// fields are in the store's zone (molra::platform::SetTimeZone, else the
+// machine's), with its daylight rule applied to every year.
 class CTime {
  public:
   CTime() = default;
   explicit CTime(std::int64_t seconds) : m_time(seconds) {}
+  // Local fields; out-of-range fields run on (hour 24 is the next day).
+  // nDST 0 reads them as standard time, 1 as daylight time, -1 lets the
+  // zone's rule decide.
+  CTime(int year, int month, int day, int hour, int minute, int second, int nDST = -1);
+
+  // Now, by the store's clock (molra::platform::SetClock, else the machine's).
+  static CTime GetCurrentTime();
 
   std::int64_t GetTime() const { return m_time; }
+  // The local reading: tm_year from 1900, tm_mon from 0, tm_wday 0 Sunday.
+  struct tm* GetLocalTm(struct tm* out) const;
+  int GetYear() const;
+  int GetMonth() const;
+  int GetDay() const;
+  int GetHour() const;
+  int GetDayOfWeek() const;  // 1 Sunday to 7 Saturday
+
+  CTime operator+(CTimeSpan span) const { return CTime(m_time + span.GetTotalSeconds()); }
+  CTime operator-(CTimeSpan span) const { return CTime(m_time - span.GetTotalSeconds()); }
+  CTimeSpan operator-(CTime other) const { return CTimeSpan(m_time - other.m_time); }
   bool operator==(const CTime& other) const { return m_time == other.m_time; }
   bool operator!=(const CTime& other) const { return m_time != other.m_time; }
   bool operator<(const CTime& other) const { return m_time < other.m_time; }

@@ -1,6 +1,7 @@
 #include "platform/clock.h"
 
 #include "platform/env.h"
+#include "platform/local_time.h"
 #include "platform/settings.h"
 
 namespace molra {
@@ -80,13 +81,13 @@ void GetLocalTime(SYSTEMTIME* localNow) {
   SYSTEMTIME utc;
   GetSystemTime(&utc);
   const std::int64_t millis = StampToUnixMillis(utc);
-  // A host's zone counts by its standard bias alone until its daylight
-  // rule is applied here; the machine's own zone knows its rules.
-  TIME_ZONE_INFORMATION zone{};
-  const LONG bias = ZoneOverride(&zone)
-                        ? zone.Bias + zone.StandardBias
-                        : CurrentEnv()->LocalBias(millis / 1000);
-  *localNow = UnixMillisToStamp(millis - std::int64_t{bias} * 60000);
+  TIME_ZONE_INFORMATION zone;
+  GetTimeZoneInformation(&zone);
+  const std::int64_t seconds = millis / 1000;  // the epoch lies behind every stamp
+  std::tm local;
+  UnixToLocalTm(zone, seconds, &local);
+  const std::int64_t localSeconds = (DayNumber(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday) * 24 + local.tm_hour) * 3600 + local.tm_min * 60 + local.tm_sec;
+  *localNow = UnixMillisToStamp(localSeconds * 1000 + millis % 1000);
 }
 
 void Sleep(DWORD milliseconds) { CurrentEnv()->Sleep(milliseconds); }

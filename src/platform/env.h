@@ -135,8 +135,9 @@ class Env {
   virtual bool AppendText(const char* path, const char* text) = 0;
 
   virtual void NowUtc(SYSTEMTIME* now) = 0;  // the machine's real clock
-  // Minutes west of UTC of the machine's own zone at a moment.
-  virtual LONG LocalBias(std::int64_t unixSeconds) = 0;
+  // The machine's zone in the recurring form; a rule beyond that form is
+  // fitted to `year`, and `note` says so (empty otherwise).
+  virtual void MachineTimeZone(int year, TIME_ZONE_INFORMATION* zone, std::string* note) = 0;
   virtual void Sleep(DWORD milliseconds) = 0;
 };
 

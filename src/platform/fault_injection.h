@@ -50,8 +50,8 @@ class FaultInjectionEnv : public Env {
   }
   bool AppendText(const char* path, const char* text) override;
   void NowUtc(SYSTEMTIME* now) override { m_target->NowUtc(now); }
-  LONG LocalBias(std::int64_t unixSeconds) override {
-    return m_target->LocalBias(unixSeconds);
+  void MachineTimeZone(int year, TIME_ZONE_INFORMATION* zone, std::string* note) override {
+    m_target->MachineTimeZone(year, zone, note);
   }
   void Sleep(DWORD milliseconds) override { m_target->Sleep(milliseconds); }
 

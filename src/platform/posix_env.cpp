@@ -14,6 +14,7 @@
 
 #include "platform/clock.h"
 #include "platform/env.h"
+#include "platform/posix_machine_zone.h"
 #include "platform/posix_paths.h"
 #include "platform/posix_share_modes.h"
 
@@ -380,11 +381,8 @@ class PosixEnv final : public Env {
     *now = UnixMillisToStamp(std::int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000);
   }
 
-  LONG LocalBias(std::int64_t unixSeconds) override {
-    const time_t t = static_cast<time_t>(unixSeconds);
-    struct tm local;
-    if (!::localtime_r(&t, &local)) return 0;
-    return static_cast<LONG>(-local.tm_gmtoff / 60);
+  void MachineTimeZone(int year, TIME_ZONE_INFORMATION* zone, std::string* note) override {
+    ReadMachineZone(year, zone, note);
   }
 
   void Sleep(DWORD milliseconds) override {

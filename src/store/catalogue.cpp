@@ -1,6 +1,7 @@
 // The catalogue "C:\FSDIR\MOLRA.CFT": loading it into memory and writing
 // it back.
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -112,5 +113,21 @@ LONG CMOLRA::SaveFSInfo(LONG basket) {
     file.Write(record, sizeof *record);
   }
   file.Close();
+  return FS_OK;
+}
+
+LONG CMOLRA::GetBaksetInfo(LONG basket, _tagFSBSKINFO* info) {
+  const _tagFSBSKINFO* record = basket < 0 ? nullptr : Basket(static_cast<DWORD>(basket));
+  if (record == nullptr || info == nullptr) return FS_ERR_PARAM;
+  std::memcpy(info, record, sizeof *info);
+  // The host reads a basket's span in local time; its making stays UTC.
+  SYSTEMTIME first;
+  SYSTEMTIME last;
+  std::memcpy(&first, &info->stFirst, sizeof first);
+  std::memcpy(&last, &info->stLast, sizeof last);
+  ChangeSystemToLocalTime(first, 1);
+  ChangeSystemToLocalTime(last, 1);
+  std::memcpy(&info->stFirst, &first, sizeof first);
+  std::memcpy(&info->stLast, &last, sizeof last);
   return FS_OK;
 }

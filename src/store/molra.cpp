@@ -1,9 +1,11 @@
 // Life of the store object and its small operations.
 #include <cstring>
+#include <new>
 
 #include "disk/fs_file.h"
 #include "molra/molra.h"
 #include "store/store_files.h"
+#include "time/zone_clock.h"
 
 CMOLRA::CMOLRA()
     : m_bFull(0),
@@ -15,10 +17,14 @@ CMOLRA::CMOLRA()
       m_nMode(1),
       m_nOpenBasket(-1),
       m_LastSaved{},
+      m_bDST(0),
+      m_bOddBias(0),
+      m_Tzi{},
       m_stLastRead{},
       m_ChanHits{} {
   molra::SetDefaultHead(&m_FsHdr);
   std::memset(m_SaveTime, 0, sizeof m_SaveTime);
+  InitTimeZoneInfo();
 }
 
 CMOLRA::CMOLRA(const CMOLRA& other)
@@ -33,7 +39,15 @@ CMOLRA::CMOLRA(const CMOLRA& other)
       m_DataHdr(other.m_DataHdr),
       m_nMode(other.m_nMode),
       m_nOpenBasket(other.m_nOpenBasket),
+      m_bDST(other.m_bDST),
+      m_bOddBias(other.m_bOddBias),
+      m_Tzi(other.m_Tzi),
+      m_tDstBegin(other.m_tDstBegin),
+      m_tDstEnd(other.m_tDstEnd),
+      m_tDstBeginUtc(other.m_tDstBeginUtc),
+      m_tDstEndUtc(other.m_tDstEndUtc),
       m_stLastRead(other.m_stLastRead) {
+  CopyClock(other);
   std::memcpy(m_SaveTime, other.m_SaveTime, sizeof m_SaveTime);
   std::memcpy(m_bIFrame, other.m_bIFrame, sizeof m_bIFrame);
   std::memcpy(m_LastSaved, other.m_LastSaved, sizeof m_LastSaved);
@@ -56,13 +70,31 @@ CMOLRA& CMOLRA::operator=(const CMOLRA& other) {
   m_nMode = other.m_nMode;
   m_nOpenBasket = other.m_nOpenBasket;
   std::memcpy(m_LastSaved, other.m_LastSaved, sizeof m_LastSaved);
+  m_bDST = other.m_bDST;
+  m_bOddBias = other.m_bOddBias;
+  m_Tzi = other.m_Tzi;
+  m_tDstBegin = other.m_tDstBegin;
+  m_tDstEnd = other.m_tDstEnd;
+  m_tDstBeginUtc = other.m_tDstBeginUtc;
+  m_tDstEndUtc = other.m_tDstEndUtc;
+  CopyClock(other);
   m_stLastRead = other.m_stLastRead;
   std::memcpy(m_ChanHits, other.m_ChanHits, sizeof m_ChanHits);
   return *this;
 }
 
-// The open files, the records and the clock go with the last object that
-// shares them.
+// A copy's clock points at the copy's own zone, so that neither object
+// depends on the other's lifetime.
+void CMOLRA::CopyClock(const CMOLRA& other) {
+  m_pClock.reset();
+  if (other.m_pClock) {
+    m_pClock.reset(new (std::nothrow) CZoneClock(*other.m_pClock));
+    if (m_pClock) m_pClock->SetWindow(&m_Tzi, other.m_pClock->Begin(), other.m_pClock->End());
+  }
+}
+
+// The open files and the records go with the last object that shares
+// them; the clock goes with its object.
 CMOLRA::~CMOLRA() { CloseFS(); }
 
 int CMOLRA::OnCreatingFS(char* /*path*/, DWORD /*ordinal*/) { return 1; }

@@ -4,6 +4,7 @@
 
 #include "molra/molra.h"
 #include "platform/clock.h"
+#include "time/zone_clock.h"
 
 namespace {
 
@@ -67,4 +68,10 @@ int CMOLRA::IntervalSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG /*
 WORD CMOLRA::GetDayOfFirstSunday(int weekDay) {
   static const WORD kFirstSunday[8] = {0, 1, 7, 6, 5, 4, 3, 2};
   return weekDay >= 1 && weekDay <= 7 ? kFirstSunday[weekDay] : 0;
+}
+
+WORD CMOLRA::GetMaxDay(CTime t) {
+  std::tm local;
+  t.GetLocalTm(&local);
+  return static_cast<WORD>(CZoneClock::LastDayOfMonth(local.tm_year + 1900, local.tm_mon + 1));
 }

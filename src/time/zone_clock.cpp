@@ -4,6 +4,56 @@
 
 #include "platform/clock.h"
 
+namespace {
+
+// Month, day and hour as one ordered number.
+long Triple(const SYSTEMTIME& t) { return (long{t.wMonth} * 100 + t.wDay) * 100 + t.wHour; }
+
+}  // namespace
+
+void CZoneClock::SetWindow(TIME_ZONE_INFORMATION* zone, SYSTEMTIME begin, SYSTEMTIME end) {
+  m_pTzi = zone;
+  m_stBegin = begin;
+  m_stEnd = end;
+}
+
+bool CZoneClock::InWindow(const SYSTEMTIME& t) const {
+  const long day = Triple(t);
+  if (m_stBegin.wMonth < m_stEnd.wMonth) {
+    // Northern: begin to end within the year.
+    if (t.wMonth < m_stBegin.wMonth) return false;
+    if (t.wMonth == m_stBegin.wMonth) return day >= Triple(m_stBegin);
+    return day < Triple(m_stEnd);
+  }
+  // Southern: from begin over New Year to end.
+  if (t.wMonth > m_stBegin.wMonth) return true;
+  if (t.wMonth == m_stBegin.wMonth) return day >= Triple(m_stBegin);
+  return day < Triple(m_stEnd);
+}
+
+int CZoneClock::LocalToSystem(SYSTEMTIME* stamp, int bDaylight) const {
+  if (m_pTzi == nullptr || stamp->wYear == 0) return 0;
+  LONG shift = m_pTzi->Bias;
+  if (HasWindow() && bDaylight != 0 && InWindow(*stamp)) shift += m_pTzi->DaylightBias;
+  AddMinutes(stamp, shift);
+  return 1;
+}
+
+int CZoneClock::SystemToLocal(SYSTEMTIME* stamp, int bDaylight) const {
+  if (m_pTzi == nullptr || stamp->wYear == 0) return 0;
+  // The daylight reading first: the window is stated in it.
+  AddMinutes(stamp, -(m_pTzi->Bias + m_pTzi->DaylightBias));
+  if (HasWindow() && bDaylight != 0 && InWindow(*stamp)) return 1;
+  AddMinutes(stamp, m_pTzi->DaylightBias);
+  return 1;
+}
+
+int CZoneClock::IsDaylight(SYSTEMTIME st) const {
+  if (m_pTzi == nullptr || !HasWindow()) return 0;
+  AddMinutes(&st, -(m_pTzi->Bias + m_pTzi->DaylightBias));
+  return InWindow(st) ? 1 : 0;
+}
+
 int CZoneClock::LastDayOfMonth(int year, int month) {
   int day = 31;
   for (; day >= 28; --day) {

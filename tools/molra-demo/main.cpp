@@ -1,6 +1,8 @@
 // The demo host: makes a store on two drives below ./molra-drives (the
-// library's default drive roots) and prints its catalogue.
+// library's default drive roots), prints the zone it reads and the
+// catalogue with each basket's span in local time.
 #include <cstdio>
+#include <string>
 
 #include "molra/molra.h"
 
@@ -12,7 +14,6 @@ class DemoRecorder : public CMOLRA {
     std::printf("  making basket %u: %s\n", static_cast<unsigned>(ordinal), path);
     return 1;
   }
-  const _tagFSBSKINFO* Record(DWORD n) { return Basket(n); }
 };
 
 void PrintStamp(const SYSTEMTIME& t) {
@@ -32,6 +33,27 @@ void PrintCatalogue(CMOLRA& store) {
               static_cast<unsigned>(head->dwCurrent), static_cast<unsigned>(head->dwOldest));
 }
 
+std::string Name(const WCHAR* name) {
+  std::string text;
+  for (int i = 0; i < 32 && name[i] != 0; ++i) text += static_cast<char>(name[i] < 128 ? name[i] : '?');
+  return text;
+}
+
+void PrintZone(CMOLRA& store) {
+  const TIME_ZONE_INFORMATION zone = store.GetTimeZoneInfo();
+  std::printf("zone %s: UTC = local %+d min", Name(zone.StandardName).c_str(),
+              static_cast<int>(zone.Bias));
+  if (zone.DaylightBias == 0) {
+    std::printf(", no daylight time\n");
+    return;
+  }
+  const SYSTEMTIME& on = zone.DaylightDate;
+  const SYSTEMTIME& off = zone.StandardDate;
+  std::printf("; %s %+d min from Sunday %u of month %u at %u:00 to Sunday %u of month %u at %u:00\n",
+              Name(zone.DaylightName).c_str(), static_cast<int>(zone.DaylightBias), on.wDay,
+              on.wMonth, on.wHour, off.wDay, off.wMonth, off.wHour);
+}
+
 }  // namespace
 
 int main() {
@@ -47,12 +69,14 @@ int main() {
     }
   }
   store.CallLoadFSinfo();
+  PrintZone(store);
   PrintCatalogue(store);
   std::printf("%-6s %-24s %-20s %-20s %-20s %5s %7s %5s\n", "basket", "path",
-              "created (UTC)", "first (UTC)", "last (UTC)", "days", "chunks", "flags");
+              "created (UTC)", "first (local)", "last (local)", "days", "chunks", "flags");
   for (DWORD n = 0; n < store.GetFSInfo()->dwBaskets; ++n) {
-    const _tagFSBSKINFO* info = store.Record(n);
-    if (!info) break;
+    _tagFSBSKINFO record;
+    if (store.GetBaksetInfo(static_cast<LONG>(n), &record) != FS_OK) break;
+    const _tagFSBSKINFO* info = &record;
     std::printf("%-6u %-24s", static_cast<unsigned>(n), info->szPath);
     PrintStamp(info->stCreated);
     PrintStamp(info->stFirst);
