@@ -40,6 +40,17 @@ class CMOLRA {
   void CloseFS();
   LONG SetExit(int exit);
 
+  // Recording. Appends a chunk (its 30-byte header and dwLength bytes of
+  // payload) to the open basket, enters it in the index, marks the
+  // basket's day tables and rewrites the catalogue; a basket that is full
+  // hands over to the next one of the ring. `remaining` receives the bytes
+  // left behind the new end of the data file. FS_OK, FS_ERR_MODE (not
+  // recording, or a write or the index refused the chunk), FS_ERR_FILE
+  // (not open), FS_ERR_INDEX (no basket of the ring could be opened), or
+  // FS_ERR_PARAM (a channel outside 0 to 15, a stamp whose month, day,
+  // hour or minute is out of range, or no payload) with nothing touched.
+  LONG SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int unused);
+
   // Catalogue.
   // Appends the baskets of each drive entry behind the catalogue in
   // memory and writes the catalogue. FS_OK, FS_ERR_CATALOG (baskets made,
@@ -68,6 +79,14 @@ class CMOLRA {
   LONG CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
   // Moves the open store to the files of basket n.
   LONG OpenBsk(LONG basket);
+
+  // Marks the chunk's hour and minute in basket n's day record.
+  LONG SaveFSTblInfo(LONG basket, const _tagCHUNKHDR* chunk);
+  // Takes the current basket, whose files cannot be opened, out of the
+  // catalogue; the only basket left is kept.
+  void EraseErrorBasket();
+  // Moves recording on to the next basket of the ring and resets it.
+  LONG RollOver();
 
   void CopyClock(const CMOLRA& other);
 
@@ -125,6 +144,7 @@ class CMOLRA {
   std::shared_ptr<CFsIndex> m_pIndex;
   std::shared_ptr<CFsFile> m_pData;
   std::shared_ptr<CFsFile> m_pTable;
+  std::shared_ptr<CFsFile> m_pCatalog;  // held open while recording
   _tagFSHDR m_FsHdr;
   std::shared_ptr<BasketList> m_ppBasket;  // null: no catalogue in memory
   _tagDATAHDR m_DataHdr;

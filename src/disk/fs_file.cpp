@@ -96,6 +96,18 @@ int CFsFile::Write(const void* buffer, DWORD count) {
   return m_hFile->Write(buffer, count, &done) && done == count ? 1 : 0;
 }
 
+int CFsFile::ReadAt(DWORD offset, void* buffer, DWORD count) {
+  if (!IsOpen()) return 0;
+  DWORD done = 0;
+  return m_hFile->ReadAt(offset, buffer, count, &done) && done == count ? 1 : 0;
+}
+
+int CFsFile::WriteAt(DWORD offset, const void* buffer, DWORD count) {
+  if (!IsOpen()) return 0;
+  DWORD done = 0;
+  return m_hFile->WriteAt(offset, buffer, count, &done) && done == count ? 1 : 0;
+}
+
 int CFsFile::Seek(DWORD offset, int origin) {
   if (!IsOpen()) return 0;
   // The wrapper counts origins differently from the platform.

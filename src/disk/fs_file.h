@@ -27,6 +27,11 @@ class CFsFile {
   // 1 only when exactly `count` bytes moved.
   int Read(void* buffer, DWORD count);
   int Write(const void* buffer, DWORD count);
+  // Seek from the start and Read or Write, in one request: 1 only when the
+  // position could be reached and exactly `count` bytes moved. The current
+  // position afterwards is unspecified.
+  int ReadAt(DWORD offset, void* buffer, DWORD count);
+  int WriteAt(DWORD offset, const void* buffer, DWORD count);
   // Origin 0 start, 1 end, 2 current position. 1 only when the new
   // position equals `offset`.
   int Seek(DWORD offset, int origin);

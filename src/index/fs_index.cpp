@@ -42,20 +42,20 @@ int CFsIndex::CompareKey(const char* a, const char* b, int n) {
 // damage or no position at all, and must neither read nor overwrite it.
 int CFsIndex::ReadNode(_tagIDXNODE* node, DWORD offset) {
   if (offset < molra::kRootOffset) return 0;
-  return Seek(offset, 0) && Read(node, sizeof *node) ? 1 : 0;
+  return ReadAt(offset, node, sizeof *node);
 }
 
 int CFsIndex::WriteNode(const _tagIDXNODE* node, DWORD offset) {
   if (offset < molra::kRootOffset) return 0;
-  return Seek(offset, 0) && Write(node, sizeof *node) ? 1 : 0;
+  return WriteAt(offset, node, sizeof *node);
 }
 
 int CFsIndex::ReadHeader(_tagIDXHDR* header) {
-  return Seek(0, 0) && Read(header, sizeof *header) ? 1 : 0;
+  return ReadAt(0, header, sizeof *header);
 }
 
 int CFsIndex::WriteHeader(const _tagIDXHDR* header) {
-  return Seek(0, 0) && Write(header, sizeof *header) ? 1 : 0;
+  return WriteAt(0, header, sizeof *header);
 }
 
 int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
@@ -72,7 +72,7 @@ int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
     if (offset >= size) return ReadNode(node, offset);
     const DWORD length = size - offset < m_dwReadAhead ? size - offset : m_dwReadAhead;
     block->bytes.resize(length);
-    if (!(Seek(offset, 0) && Read(block->bytes.data(), length))) {
+    if (!ReadAt(offset, block->bytes.data(), length)) {
       block->length = 0;
       return ReadNode(node, offset);
     }
@@ -114,7 +114,7 @@ int CFsIndex::Close() {
   } else {
     // A copy of the header that this object only read may be older than
     // the file by now: only the open word is ours to write.
-    if (!(Seek(offsetof(_tagIDXHDR, dwOpen), 0) && Write(&m_Hdr.dwOpen, sizeof m_Hdr.dwOpen))) {
+    if (!WriteAt(offsetof(_tagIDXHDR, dwOpen), &m_Hdr.dwOpen, sizeof m_Hdr.dwOpen)) {
       return 0;
     }
   }

@@ -84,6 +84,11 @@ class File {
 
   virtual bool Read(void* buffer, DWORD count, DWORD* done) = 0;
   virtual bool Write(const void* buffer, DWORD count, DWORD* done) = 0;
+  // Read or write at a byte position from the start of the file, in one
+  // request; the current position afterwards is unspecified. False, with
+  // nothing moved, for a position beyond what a 32-bit seek can name.
+  virtual bool ReadAt(DWORD position, void* buffer, DWORD count, DWORD* done) = 0;
+  virtual bool WriteAt(DWORD position, const void* buffer, DWORD count, DWORD* done) = 0;
   // Moves by a signed 32-bit distance from `origin`. Answers the new
   // position, or kInvalidSetFilePointer when it would fall outside 0 to
   // 4 GiB - 2 or the handle fails.

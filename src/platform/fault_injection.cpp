@@ -20,6 +20,17 @@ class FaultyFile final : public File {
     }
     return m_target->Write(buffer, count, done);
   }
+  bool ReadAt(DWORD position, void* buffer, DWORD count, DWORD* done) override {
+    return m_target->ReadAt(position, buffer, count, done);
+  }
+  bool WriteAt(DWORD position, const void* buffer, DWORD count, DWORD* done) override {
+    if (m_env->WriteFails()) {
+      *done = 0;
+      SetLastError(kErrorWriteFault);
+      return false;
+    }
+    return m_target->WriteAt(position, buffer, count, done);
+  }
   DWORD Seek(LONG distance, DWORD origin) override {
     return m_target->Seek(distance, origin);
   }

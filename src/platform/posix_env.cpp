@@ -102,6 +102,33 @@ class PosixFile final : public File {
     return true;
   }
 
+  bool ReadAt(DWORD position, void* buffer, DWORD count, DWORD* done) override {
+    *done = 0;
+    if (!Usable(m_canRead) || !Reachable(position)) return false;
+    char* out = static_cast<char*>(buffer);
+    while (*done < count) {
+      const ssize_t n = ::pread(m_fd, out + *done, count - *done, off_t{position} + *done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return Fail(errno);
+      if (n == 0) break;  // end of file: a short read, not an error
+      *done += static_cast<DWORD>(n);
+    }
+    return true;
+  }
+
+  bool WriteAt(DWORD position, const void* buffer, DWORD count, DWORD* done) override {
+    *done = 0;
+    if (!Usable(m_canWrite) || !Reachable(position)) return false;
+    const char* in = static_cast<const char*>(buffer);
+    while (*done < count) {
+      const ssize_t n = ::pwrite(m_fd, in + *done, count - *done, off_t{position} + *done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return Fail(n < 0 ? errno : ENOSPC);
+      *done += static_cast<DWORD>(n);
+    }
+    return true;
+  }
+
   DWORD Seek(LONG distance, DWORD origin) override {
     if (!Usable(true)) return kInvalidSetFilePointer;
     off_t base = 0;
@@ -168,6 +195,13 @@ class PosixFile final : public File {
   }
 
  private:
+  // A position that a seek from the start (a signed 32-bit distance) names.
+  static bool Reachable(DWORD position) {
+    if (position <= 0x7FFFFFFFu) return true;
+    SetLastError(kErrorNegativeSeek);
+    return false;
+  }
+
   bool Usable(bool allowed) {
     if (m_fd < 0) {
       SetLastError(kErrorInvalidHandle);

@@ -95,24 +95,28 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
 }
 
 LONG CMOLRA::SaveFSInfo(LONG basket) {
-  MakeHomeDir();
-  CFsFile file;
-  if (!file.Open(molra::kCatalogPath, CFsFile::kModeWrite)) return FS_ERR_CATALOG;
-  file.Seek(0, 0);
-  file.Write(&m_FsHdr, sizeof m_FsHdr);
+  // A recorder holds the catalogue open while it records, so that the
+  // write of every save costs no open and close; anyone else opens it here.
+  CFsFile own;
+  CFsFile* file = m_pCatalog && m_pCatalog->IsOpen() ? m_pCatalog.get() : &own;
+  if (file == &own) {
+    MakeHomeDir();
+    if (!own.Open(molra::kCatalogPath, CFsFile::kModeWrite)) return FS_ERR_CATALOG;
+  }
+  file->WriteAt(0, &m_FsHdr, sizeof m_FsHdr);
   if (basket == -1) {
     const DWORD count = m_ppBasket ? static_cast<DWORD>(m_ppBasket->size()) : 0;
     const DWORD records = m_FsHdr.dwBaskets < count ? m_FsHdr.dwBaskets : count;
     if (records > 0) {
       // Straight behind the head, also when the head's write failed.
-      file.Seek(sizeof(_tagFSHDR), 0);
-      file.Write(m_ppBasket->data(), records * static_cast<DWORD>(sizeof(_tagFSBSKINFO)));
+      file->WriteAt(sizeof(_tagFSHDR), m_ppBasket->data(),
+                    records * static_cast<DWORD>(sizeof(_tagFSBSKINFO)));
     }
   } else if (const _tagFSBSKINFO* record = Basket(static_cast<DWORD>(basket))) {
-    file.Seek(sizeof(_tagFSHDR) + sizeof(_tagFSBSKINFO) * static_cast<DWORD>(basket), 0);
-    file.Write(record, sizeof *record);
+    file->WriteAt(sizeof(_tagFSHDR) + sizeof(_tagFSBSKINFO) * static_cast<DWORD>(basket), record,
+                  sizeof *record);
   }
-  file.Close();
+  if (file == &own) own.Close();
   return FS_OK;
 }
 

@@ -34,6 +34,7 @@ CMOLRA::CMOLRA(const CMOLRA& other)
       m_pIndex(other.m_pIndex),
       m_pData(other.m_pData),
       m_pTable(other.m_pTable),
+      m_pCatalog(other.m_pCatalog),
       m_FsHdr(other.m_FsHdr),
       m_ppBasket(other.m_ppBasket),
       m_DataHdr(other.m_DataHdr),
@@ -64,6 +65,7 @@ CMOLRA& CMOLRA::operator=(const CMOLRA& other) {
   m_pIndex = other.m_pIndex;
   m_pData = other.m_pData;
   m_pTable = other.m_pTable;
+  m_pCatalog = other.m_pCatalog;
   m_FsHdr = other.m_FsHdr;
   m_ppBasket = other.m_ppBasket;
   m_DataHdr = other.m_DataHdr;

@@ -71,6 +71,12 @@ LONG CMOLRA::OpenFS(LONG mode) {
   if (!m_pTable->Open(paths.table, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
 
   m_nOpenBasket = static_cast<LONG>(m_FsHdr.dwCurrent);
+  // Every save rewrites the catalogue: a recorder keeps it at hand. Without
+  // it each save opens the file itself.
+  if (m_nMode == 0 && Make(&m_pCatalog) &&
+      !m_pCatalog->Open(molra::kCatalogPath, CFsFile::kModeWrite)) {
+    m_pCatalog.reset();
+  }
   return FS_OK;
 }
 
@@ -91,6 +97,7 @@ void CMOLRA::CloseFS() {
   m_pIndex.reset();
   m_pTable.reset();
   m_pData.reset();
+  m_pCatalog.reset();  // closed by the last object that shares it
   m_ppBasket.reset();
   m_nOpenBasket = -1;
   m_FsHdr.dwBaskets = 0;
