@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "molra/platform.h"
@@ -51,6 +52,40 @@ class CMOLRA {
   // hour or minute is out of range, or no payload) with nothing touched.
   LONG SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int unused);
 
+  // Timeline, for a playback object: the local days of a month that hold
+  // recordings (days[d - 1] = 1), the 16 x 24 hour cells of a UTC day
+  // (progress, when given, shows the share of the ring done), and the 60
+  // minute cells of one channel in a local hour. Each reloads the catalogue
+  // and reads only the baskets' day tables; the reader's place stays.
+  // FS_OK, FS_ERR_FILE (not open), FS_ERR_MODE (not playing back); the
+  // minute query also FS_ERR_PARAM for a channel or hour out of range.
+  LONG GetSaveDateInfo(LONG year, LONG month, int* days, LONG count);
+  LONG GetSaveTimeInfo(LONG year, LONG month, LONG day, LONG unused, DWORD* cells, CWnd* progress);
+  LONG GetSaveMinuteInfo(LONG year, LONG month, LONG day, LONG hour, LONG unused, LONG channel,
+                         DWORD* cells, int bDaylight);
+  // Fold a UTC day record's hour cells into a local day (16 x 24 cells the
+  // caller keeps): Minus in a zone ahead of UTC, Plus in one behind, side
+  // -1 for the earlier UTC day and 1 for the later. Cells already set stay.
+  void GetSaveHourMinus(int side, _tagFSBSKTBL* record, DWORD* out, CTime time);
+  void GetSaveHourPlus(int side, _tagFSBSKTBL* record, DWORD* out, CTime time);
+  // 1 when an hour of the record lies in the local year and month asked;
+  // found gets the last such hour in local time.
+  int IsEqualDay(_tagFSBSKTBL* record, SYSTEMTIME asked, SYSTEMTIME& found);
+
+  // Reclaiming. Ages the oldest basket by a retention time in days: erased
+  // whole when its last local day is the cut-off day or earlier, cut at
+  // the front when it only starts then (1), left alone (0). info receives
+  // the oldest basket afterwards, in local time. Failures are logged and
+  // answer 1; a basket open elsewhere cannot be erased whole.
+  int GetOldestBasketInfoAndBasketControl(unsigned int days, _tagFSBSKINFO* info);
+  // Takes basket n (-1: all) out of the catalogue file and deletes its
+  // files. FS_OK, FS_ERR_CATALOG (no catalogue), FS_ERR_PARAM (n names no
+  // basket; nothing changes). The object's own catalogue is not reloaded.
+  LONG DeleteBakset(LONG number);
+  // Blanks the day tables and time ranges of the baskets that start more
+  // than `limit` days before `date` ("yyyymmdd"); recording mode only.
+  LONG DelTBLSaveDataInfo(CString date, CString limit);
+
   // Catalogue.
   // Appends the baskets of each drive entry behind the catalogue in
   // memory and writes the catalogue. FS_OK, FS_ERR_CATALOG (baskets made,
@@ -73,12 +108,19 @@ class CMOLRA {
 
   LONG LoadFSInfo(LONG unused);
   LONG SaveFSInfo(LONG basket);  // -1: the head and every record
+  // SaveFSInfo, optionally with basket n's record written before the head.
+  LONG SaveCatalogue(LONG basket, bool recordFirst);
   LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
   // Orders two stamps as their texts at a grain order: 1 second, 2 minute,
   // 3 hour, 4 day, 5 month, 6 year, any other the millisecond. -1, 0, 1.
   LONG CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
   // Moves the open store to the files of basket n.
   LONG OpenBsk(LONG basket);
+
+  // The common start of a timeline query; and whether basket n's span
+  // holds a time at a grain of CompareSystemTime.
+  LONG TimelineStart();
+  bool HoldsAt(DWORD basket, const SYSTEMTIME& time, LONG level);
 
   // Marks the chunk's hour and minute in basket n's day record.
   LONG SaveFSTblInfo(LONG basket, const _tagCHUNKHDR* chunk);
@@ -87,6 +129,9 @@ class CMOLRA {
   void EraseErrorBasket();
   // Moves recording on to the next basket of the ring and resets it.
   LONG RollOver();
+  // The two roads of ageing basket b against a cut-off date "yyyymmdd".
+  int EraseOldest(DWORD basket, _tagFSBSKINFO* info);
+  int CutOldest(DWORD basket, const std::string& cutOff, _tagFSBSKINFO* info);
 
   void CopyClock(const CMOLRA& other);
 
@@ -136,6 +181,30 @@ class CMOLRA {
   // A copy of basket n's catalogue record with stFirst and stLast in
   // local time (stCreated stays UTC); FS_ERR_PARAM when n names none.
   LONG GetBaksetInfo(LONG basket, _tagFSBSKINFO* info);
+
+  // Quick-search day files: one small file per UTC day under
+  // "C:\FSDIR\QS" that marks, channel by channel, the hours the host has
+  // recorded. The host marks hours itself (a stamp in UTC); the first mark
+  // of a month lays out the rest of the month. Marks: 1, or 0 when the
+  // day file cannot be opened or the channel or hour names no row or byte.
+  int InitSaveTime();
+  int SaveTimeWrite(SYSTEMTIME st, char chChannel);
+  int SaveTimeWriteEx(SYSTEMTIME st, char chChannel);
+  // Resets the rows in memory (nChannel -1: all) to their number and "0"
+  // hours; 0 for a channel outside -1 to 15, with nothing touched.
+  int SaveTimeSet(int bSet, int nChannel);
+  // Deletes day files last written before the month of basket 0's start.
+  void DeleteOldQSFiles();
+  // The marks of a local day, 16 rows of 25 bytes into pRows: shifted from
+  // the two UTC days it spans in a whole-hour zone (a marked hour reads 1),
+  // straight from the file of the date otherwise. Always 1.
+  int SaveTimeRead(char* unused, SYSTEMTIME stDay, char* pRows);
+  // One day file as it stands into pRows (400 bytes) and m_SaveTime, or
+  // into m_SaveTime alone; 0 when it cannot be opened. A missing file is
+  // made empty.
+  int SaveTimeReadEx(char* unused, SYSTEMTIME st, char* pRows);
+  int SaveTimeLoad(SYSTEMTIME st);
+  int SaveTimeDelete(SYSTEMTIME st);  // always 1
 
   // The rows of a quick-search day file in memory.
   _tagSTIROW m_SaveTime[16];

@@ -10,6 +10,7 @@ class FaultyFile final : public File {
       : m_target(std::move(target)), m_env(env) {}
 
   bool Read(void* buffer, DWORD count, DWORD* done) override {
+    if (Failed(done)) return false;
     return m_target->Read(buffer, count, done);
   }
   bool Write(const void* buffer, DWORD count, DWORD* done) override {
@@ -21,6 +22,7 @@ class FaultyFile final : public File {
     return m_target->Write(buffer, count, done);
   }
   bool ReadAt(DWORD position, void* buffer, DWORD count, DWORD* done) override {
+    if (Failed(done)) return false;
     return m_target->ReadAt(position, buffer, count, done);
   }
   bool WriteAt(DWORD position, const void* buffer, DWORD count, DWORD* done) override {
@@ -53,6 +55,14 @@ class FaultyFile final : public File {
   }
 
  private:
+  bool Failed(DWORD* done) {
+    DWORD error = 0;
+    if (!m_env->ReadFails(&error)) return false;
+    *done = 0;
+    SetLastError(error);
+    return true;
+  }
+
   std::unique_ptr<File> m_target;
   FaultInjectionEnv* m_env;
 };
@@ -74,9 +84,15 @@ void FaultInjectionEnv::FailCloses(DWORD count, DWORD error) {
   m_closeFailures = count;
 }
 
+void FaultInjectionEnv::FailReads(DWORD count, DWORD error) {
+  m_readError = error;
+  m_readFailures = count;
+}
+
 void FaultInjectionEnv::Reset() {
   ResetWrites();
   m_closeFailures = 0;
+  m_readFailures = 0;
 }
 
 void FaultInjectionEnv::ResetWrites() {
@@ -92,15 +108,29 @@ bool FaultInjectionEnv::WriteFails() {
   return m_powerCut || n == m_failAt;
 }
 
-bool FaultInjectionEnv::CloseFails(DWORD* error) {
-  DWORD left = m_closeFailures.load();
-  while (left > 0) {
-    if (m_closeFailures.compare_exchange_weak(left, left - 1)) {
-      *error = m_closeError;
-      return true;
-    }
+namespace {
+
+// Takes one from a count of faults still to come; false when none is left.
+bool TakeOne(std::atomic<DWORD>* left) {
+  DWORD now = left->load();
+  while (now > 0) {
+    if (left->compare_exchange_weak(now, now - 1)) return true;
   }
   return false;
+}
+
+}  // namespace
+
+bool FaultInjectionEnv::CloseFails(DWORD* error) {
+  if (!TakeOne(&m_closeFailures)) return false;
+  *error = m_closeError;
+  return true;
+}
+
+bool FaultInjectionEnv::ReadFails(DWORD* error) {
+  if (!TakeOne(&m_readFailures)) return false;
+  *error = m_readError;
+  return true;
 }
 
 std::unique_ptr<File> FaultInjectionEnv::OpenFile(const char* path, Access access,

@@ -21,6 +21,8 @@ class FaultInjectionEnv : public Env {
   void CutPowerAtWrite(DWORD n); // write n and everything after it fail
   // The next `count` closes fail with `error`, leaving their files open.
   void FailCloses(DWORD count, DWORD error);
+  // The next `count` reads fail with `error`, reading nothing.
+  void FailReads(DWORD count, DWORD error);
   void Reset();                  // no faults at all; the count starts again
 
   DWORD Writes() const { return m_writes.load(); }
@@ -32,6 +34,8 @@ class FaultInjectionEnv : public Env {
   bool ChangesFail() const { return m_powerCut.load(); }
   // True (with the error) when this close is to fail.
   bool CloseFails(DWORD* error);
+  // True (with the error) when this read is to fail.
+  bool ReadFails(DWORD* error);
 
   std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
                                  Disposition disposition) override;
@@ -65,6 +69,8 @@ class FaultInjectionEnv : public Env {
   std::atomic<bool> m_powerCut{false};
   std::atomic<DWORD> m_closeFailures{0};
   std::atomic<DWORD> m_closeError{0};
+  std::atomic<DWORD> m_readFailures{0};
+  std::atomic<DWORD> m_readError{0};
 };
 
 // Installs a FaultInjectionEnv for the life of the object.

@@ -94,7 +94,9 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
   return FS_OK;
 }
 
-LONG CMOLRA::SaveFSInfo(LONG basket) {
+LONG CMOLRA::SaveFSInfo(LONG basket) { return SaveCatalogue(basket, false); }
+
+LONG CMOLRA::SaveCatalogue(LONG basket, bool recordFirst) {
   // A recorder holds the catalogue open while it records, so that the
   // write of every save costs no open and close; anyone else opens it here.
   CFsFile own;
@@ -103,6 +105,12 @@ LONG CMOLRA::SaveFSInfo(LONG basket) {
     MakeHomeDir();
     if (!own.Open(molra::kCatalogPath, CFsFile::kModeWrite)) return FS_ERR_CATALOG;
   }
+  const _tagFSBSKINFO* record = basket >= 0 ? Basket(static_cast<DWORD>(basket)) : nullptr;
+  const auto writeRecord = [&] {
+    file->WriteAt(sizeof(_tagFSHDR) + sizeof(_tagFSBSKINFO) * static_cast<DWORD>(basket), record,
+                  sizeof *record);
+  };
+  if (record && recordFirst) writeRecord();
   file->WriteAt(0, &m_FsHdr, sizeof m_FsHdr);
   if (basket == -1) {
     const DWORD count = m_ppBasket ? static_cast<DWORD>(m_ppBasket->size()) : 0;
@@ -112,9 +120,8 @@ LONG CMOLRA::SaveFSInfo(LONG basket) {
       file->WriteAt(sizeof(_tagFSHDR), m_ppBasket->data(),
                     records * static_cast<DWORD>(sizeof(_tagFSBSKINFO)));
     }
-  } else if (const _tagFSBSKINFO* record = Basket(static_cast<DWORD>(basket))) {
-    file->WriteAt(sizeof(_tagFSHDR) + sizeof(_tagFSBSKINFO) * static_cast<DWORD>(basket), record,
-                  sizeof *record);
+  } else if (record && !recordFirst) {
+    writeRecord();
   }
   if (file == &own) own.Close();
   return FS_OK;

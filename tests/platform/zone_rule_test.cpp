@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <vector>
 
@@ -16,8 +14,8 @@ namespace {
 
 namespace platform = molra::platform;
 
-// Bias, daylight bias, names, then month.week.hour of start and end; a field
-// that has to be zero shows only when it is not.
+// Bias, daylight bias, names, then month.week.hour of start and end; '!'
+// marks a field that has to be zero and is not.
 std::string Summary(const TIME_ZONE_INFORMATION& z) {
   std::ostringstream out;
   out << z.Bias << ' ' << z.DaylightBias << ' ';
@@ -36,9 +34,7 @@ TEST(ZoneRuleTest, RulesFillTheWholeRecord) {
   const struct { const char* rule; int year; const char *zone, *note; } rows[] = {
       {"EST5EDT,M3.2.0,M11.1.0", 2026, "300 -60 EST/EDT 3.2.2 11.1.2", ""},
       {"EST5EDT", 2026, "300 -60 EST/EDT 3.2.2 11.1.2", ""},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", 2026, "-60 -60 CET/CEST 3.5.2 10.5.3", ""},
       {"AEST-10AEDT,M10.1.0,M4.1.0/3", 2026, "-600 -60 AEST/AEDT 10.1.2 4.1.3", ""},
-      {"NZST-12NZDT,M9.5.0,M4.1.0/3", 2026, "-720 -60 NZST/NZDT 9.5.2 4.1.3", ""},
       {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 2026, "-630 -30 +1030/+11 10.1.2 4.1.2", ""},
       {"IST-1GMT0,M10.5.0,M3.5.0/1", 2026, "0 -60 GMT/IST 3.5.1 10.5.2", ""},  // winter "daylight"
       {"JST-9", 2026, "-540 0 JST/ 0.0.0 0.0.0", ""},
@@ -54,8 +50,7 @@ TEST(ZoneRuleTest, RulesFillTheWholeRecord) {
       // Ends in the next year's first week: held from this year's last Sunday.
       {"EST5EDT,M3.2.0,J365/167", 2026, "300 -60 EST/EDT 3.2.2 12.4.263", "exact"},
       {"<-01>1<+00>,J1/-3,M10.5.0", 2026, "60 -60 -01/+00 1.1.21 10.5.2", "approximate"},
-      {"EST5EDT,0/0,J365/24", 2026, "240 0 EDT/ 0.0.0 0.0.0", "all year"},
-  };
+      {"EST5EDT,0/0,J365/24", 2026, "240 0 EDT/ 0.0.0 0.0.0", "all year"}};
   for (const auto& row : rows) {
     TIME_ZONE_INFORMATION zone;
     std::memset(&zone, 0xAB, sizeof zone);
@@ -87,11 +82,9 @@ bool IsDaylight(std::int64_t utc) {
 TEST(ZoneRuleTest, ChangesMatchTheCLibraryYearByYear) {
   const struct { const char* rule; int lateMinutes; } rows[] = {
       {"EST5EDT,M3.2.0,M11.1.0", 0}, {"AEST-10AEDT,M10.1.0,M4.1.0/3", 0},
-      {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 0},
-      {"IST-2IDT,M3.4.4/26,M10.5.0", 0}, {"<+0330>-3:30<+0430>,J79/24,J263/24", 0},
-      {"<-03>3<-02>,M3.5.0/-2,M10.5.0/-1", 0},
-      {"<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45", 45},
-  };
+      {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 0}, {"IST-2IDT,M3.4.4/26,M10.5.0", 0},
+      {"<+0330>-3:30<+0430>,J79/24,J263/24", 0}, {"<-03>3<-02>,M3.5.0/-2,M10.5.0/-1", 0},
+      {"<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45", 45}};
   const char* saved = std::getenv("TZ");
   const std::string savedTz = saved ? saved : "";
   for (const auto& row : rows) {
@@ -100,9 +93,9 @@ TEST(ZoneRuleTest, ChangesMatchTheCLibraryYearByYear) {
     for (int year = 2020; year <= 2032; ++year) {
       TIME_ZONE_INFORMATION z;
       ASSERT_TRUE(platform::ParsePosixZoneRule(row.rule, year, &z, nullptr));
-      const std::int64_t start = StoreChangeUtc(z.DaylightDate, year, z.Bias) + row.lateMinutes * 60;
-      const std::int64_t end =
-          StoreChangeUtc(z.StandardDate, year, z.Bias + z.DaylightBias) + row.lateMinutes * 60;
+      const std::int64_t late = row.lateMinutes * 60;
+      const std::int64_t start = StoreChangeUtc(z.DaylightDate, year, z.Bias) + late;
+      const std::int64_t end = StoreChangeUtc(z.StandardDate, year, z.Bias + z.DaylightBias) + late;
       EXPECT_TRUE(!IsDaylight(start - 1) && IsDaylight(start)) << row.rule << " " << year;
       EXPECT_TRUE(IsDaylight(end - 1) && !IsDaylight(end)) << row.rule << " " << year;
     }
@@ -113,8 +106,8 @@ TEST(ZoneRuleTest, ChangesMatchTheCLibraryYearByYear) {
 
 TEST(ZoneRuleTest, NoWholeRuleLeavesTheRecordAlone) {
   for (const char* rule :
-       {"", "EST", "ES5", "<+05>", "<+0545-5:45", "EST25", "EST5EDT,M3.2.0", "EST5EDT,",
-        "EST5EDT,M13.1.0,M11.1.0", "EST5EDT,M3.6.0,M11.1.0", "EST5EDT,M3.2.7,M11.1.0",
+       {"", "EST", "ES5", "<+05>", "<+0545-5:45", "EST5<EDT", "EST25", "EST5EDT,M3.2.0",
+        "EST5EDT,", "EST5EDT,M13.1.0,M11.1.0", "EST5EDT,M3.6.0,M11.1.0", "EST5EDT,M3.2.7,M11.1.0",
         "EST5EDT,J0,J365", "EST5EDT,M3.2.0/168,M11.1.0", "EST5EDT,M3.2.0,M11.1.0x",
         "EST5EDT,M3.2.0,M11.1.0,", "JST-9 "}) {
     TIME_ZONE_INFORMATION zone;
@@ -137,8 +130,7 @@ std::string ZoneFile(char version, const std::vector<int>& transitions, const st
   std::string out;
   for (int timeSize : {4, 8}) {
     out += std::string("TZif") + version + std::string(15, '\0');
-    for (size_t count : {size_t{0}, size_t{0}, size_t{0}, transitions.size(), size_t{3},
-                         size_t{12}}) {
+    for (const size_t count : std::vector<size_t>{0, 0, 0, transitions.size(), 3, 12}) {
       PutBe(&out, count, 4);
     }
     for (size_t i = 0; i < transitions.size(); ++i) PutBe(&out, 1000 * i, timeSize);
@@ -157,45 +149,31 @@ std::string Patched(std::string bytes, size_t at, const std::string& with) {
   return bytes.replace(at, with.size(), with);
 }
 
-TEST(ZoneRuleFileTest, HandBuiltFiles) {
-  const std::string v2 = ZoneFile('2', {0}, "EST5EDT");
-  const struct { std::string bytes; bool ok; const char* read; } rows[] = {
-      {ZoneFile('\0', {1, 2, 0, 2, 0}, ""), true, "/300 EST"},  // last standard transition
-      {ZoneFile('\0', {}, ""), true, "/296 LMT"},               // first standard type
-      {ZoneFile('2', {1, 0}, ""), true, "/296 LMT"},
-      {ZoneFile('3', {1, 2, 0}, "EST5EDT"), true, "EST5EDT/300 EST"},
-      {ZoneFile('\0', {3}, ""), false, ""},                                  // no type 3
-      {ZoneFile('1', {}, ""), false, ""},                                    // no such version
-      {Patched(ZoneFile('\0', {}, ""), 44 + 6 + 5, "\x0c"), false, ""},      // LMT's name index
-      {Patched(v2, 32, "\xff\xff\xff\xff"), false, ""},                      // transition count
-      {Patched(v2, v2.size() - 9, " "), false, ""},  // rule not on a line of its own
-  };
-  for (const auto& row : rows) {
-    std::string footer;
-    LONG bias = 0;
-    std::string name;
-    ASSERT_EQ(row.ok, platform::ReadZoneFileFooter(row.bytes, &footer, &bias, &name)) << row.read;
-    if (!row.ok) continue;
-    EXPECT_EQ(row.read, footer + "/" + std::to_string(bias) + " " + name);
-    // Any cut-off file is refused without a read past its end.
-    for (size_t size = 0; size < row.bytes.size(); ++size) {
-      EXPECT_FALSE(platform::ReadZoneFileFooter(row.bytes.substr(0, size), &footer, &bias, &name));
-    }
-  }
-}
-
-TEST(ZoneRuleFileTest, RealFile) {
-  std::ifstream in("/usr/share/zoneinfo/America/New_York", std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
-  if (bytes.empty()) GTEST_SKIP() << "no zone database on this machine";
-  std::string footer;
+// "rule/bias name" as read, or "refused"; every cut-off copy must be
+// refused without a read past its end.
+std::string ReadFooter(const std::string& bytes) {
+  std::string footer, name;
   LONG bias = 0;
-  std::string name;
-  ASSERT_TRUE(platform::ReadZoneFileFooter(bytes, &footer, &bias, &name));
-  EXPECT_EQ("EST5EDT,M3.2.0,M11.1.0", footer);
   for (size_t size = 0; size < bytes.size(); ++size) {
     EXPECT_FALSE(platform::ReadZoneFileFooter(bytes.substr(0, size), &footer, &bias, &name));
   }
+  if (!platform::ReadZoneFileFooter(bytes, &footer, &bias, &name)) return "refused";
+  return footer + "/" + std::to_string(bias) + " " + name;
+}
+
+TEST(ZoneRuleFileTest, HandBuiltFiles) {
+  const std::string v2 = ZoneFile('2', {0}, "EST5EDT");
+  const struct { std::string bytes; const char* read; } rows[] = {
+      {ZoneFile('\0', {1, 2, 0, 2, 0}, ""), "/300 EST"},  // last standard transition
+      {ZoneFile('\0', {}, ""), "/296 LMT"},               // first standard type
+      {ZoneFile('2', {1, 0}, ""), "/296 LMT"},
+      {ZoneFile('3', {1, 2, 0}, "EST5EDT"), "EST5EDT/300 EST"},
+      {ZoneFile('\0', {3}, ""), "refused"},                               // no type 3
+      {ZoneFile('1', {}, ""), "refused"},                                 // no such version
+      {Patched(ZoneFile('\0', {}, ""), 44 + 6 + 5, "\x0c"), "refused"},   // LMT's name index
+      {Patched(v2, 32, "\xff\xff\xff\xff"), "refused"},                   // transition count
+      {Patched(v2, v2.size() - 9, " "), "refused"}};  // rule not on a line of its own
+  for (const auto& row : rows) EXPECT_EQ(row.read, ReadFooter(row.bytes));
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 // catalogue with each basket's span in local time.
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <tuple>
 #include <string>
@@ -128,7 +130,9 @@ bool Record(DemoRecorder& store) {
   }
   std::vector<BYTE> payload(20000);
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<BYTE>(i);
-  long saved = 0, keyFrames = 0, events = 0, rollovers = 0;
+  long saved = 0, keyFrames = 0, events = 0, rollovers = 0, marks = 0;
+  int markedHour[kChannels];
+  for (int& hour : markedHour) hour = -1;
   double bytes = 0;
   std::uint32_t noise = 7;
   for (int frame = 0; frame < kSeconds * kFps; ++frame) {
@@ -149,6 +153,11 @@ bool Record(DemoRecorder& store) {
         return false;
       }
       ++saved;
+      // The quick search learns of each hour a channel enters.
+      if (markedHour[channel] != header.stTime.wHour) {
+        markedHour[channel] = header.stTime.wHour;
+        marks += store.SaveTimeWrite(header.stTime, static_cast<char>(channel));
+      }
       keyFrames += key;
       events += event;
       bytes += sizeof header + header.dwLength;
@@ -165,17 +174,116 @@ bool Record(DemoRecorder& store) {
     }
   }
   std::printf("recorded %ld chunks (%.1f MB) of %d channels, %ld key frames, %ld events, "
-              "%ld basket changes\n",
-              saved, bytes / 1e6, kChannels, keyFrames, events, rollovers);
+              "%ld basket changes, %ld hour marks in the day files\n",
+              saved, bytes / 1e6, kChannels, keyFrames, events, rollovers, marks);
   store.CloseFS();
   return true;
 }
 
+void PrintGrid(const char* title, const DWORD* cells) {
+  std::printf("%s\n  channel  000000000011111111112222\n           012345678901234567890123\n", title);
+  for (int channel = 0; channel < kChannels; ++channel) {
+    std::printf("  %7d  ", channel);
+    for (int hour = 0; hour < 24; ++hour) {
+      const DWORD cell = cells[channel * 24 + hour];
+      std::putchar(cell == 0 ? '.' : (cell & 0xFF000000u) != 0 ? 'E' : '#');
+    }
+    std::printf("\n");
+  }
+}
+
+// The timeline a player shows: the days of this month that hold
+// recordings, and the hours of today (UTC) per channel, E where an event
+// was marked.
+void PrintTimeline() {
+  CMOLRA player;
+  if (player.OpenFS(1) != FS_OK) return;
+  const std::time_t now = std::time(nullptr);
+  std::tm local;
+  localtime_r(&now, &local);
+  int days[31];
+  player.GetSaveDateInfo(local.tm_year + 1900, local.tm_mon + 1, days, 31);
+  std::printf("timeline, days of %04d-%02d holding recordings:", local.tm_year + 1900,
+              local.tm_mon + 1);
+  for (int d = 0; d < 31; ++d) {
+    if (days[d]) std::printf(" %d", d + 1);
+  }
+  std::printf("\n");
+  std::tm utc;
+  gmtime_r(&now, &utc);
+  DWORD cells[16 * 24];
+  CWnd progress;
+  player.GetSaveTimeInfo(utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, 0, cells, &progress);
+  char title[96];
+  std::snprintf(title, sizeof title, "timeline, UTC day %04d-%02d-%02d (# recorded, E events; %s%% of the ring read)",
+                utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, progress.GetWindowText().Str().c_str());
+  PrintGrid(title, cells);
+  player.CloseFS();
+}
+
+// The quick search's answer for today's local day: an hour grid per channel.
+void PrintDayFile(CMOLRA& store) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local;
+  localtime_r(&now, &local);
+  SYSTEMTIME day{static_cast<WORD>(local.tm_year + 1900), static_cast<WORD>(local.tm_mon + 1), 0,
+                 static_cast<WORD>(local.tm_mday), 0, 0, 0, 0};
+  char rows[16 * 25];
+  store.SaveTimeRead(nullptr, day, rows);
+  std::printf("quick search, local day %04u-%02u-%02u (hours 0 to 23, # recorded)\n", day.wYear,
+              day.wMonth, day.wDay);
+  std::printf("  channel  000000000011111111112222\n           012345678901234567890123\n");
+  for (int channel = 0; channel < kChannels; ++channel) {
+    std::printf("  %7d  ", channel);
+    for (int hour = 0; hour < 24; ++hour) std::putchar(rows[channel * 25 + 1 + hour] ? '#' : '.');
+    std::printf("\n");
+  }
+}
+
+// The catalogue as a table, each basket's span in local time.
+void PrintBaskets(CMOLRA& store) {
+  PrintCatalogue(store);
+  std::printf("%-6s %-24s %-20s %-20s %-20s %5s %7s %5s\n", "basket", "path",
+              "created (UTC)", "first (local)", "last (local)", "days", "chunks", "flags");
+  for (DWORD n = 0; n < store.GetFSInfo()->dwBaskets; ++n) {
+    _tagFSBSKINFO info;
+    if (store.GetBaksetInfo(static_cast<LONG>(n), &info) != FS_OK) break;
+    std::printf("%-6u %-24s", static_cast<unsigned>(n), info.szPath);
+    PrintStamp(info.stCreated);
+    PrintStamp(info.stFirst);
+    PrintStamp(info.stLast);
+    std::printf(" %5u %7u %5u\n", static_cast<unsigned>(info.dwDays),
+                static_cast<unsigned>(info.dwChunks), static_cast<unsigned>(info.dwFlags));
+  }
+}
+
+// Ages the store to a retention time: one oldest basket per call, until a
+// call finds nothing older than the cut-off.
+void Retain(DemoRecorder& store, unsigned days) {
+  std::printf("retention of %u days\nbefore:\n", days);
+  store.CallLoadFSinfo();
+  PrintBaskets(store);
+  _tagFSBSKINFO oldest;
+  int treated = 0;
+  for (DWORD n = 0; n < store.GetFSInfo()->dwBaskets; ++n) {
+    if (store.GetOldestBasketInfoAndBasketControl(days, &oldest) == 0) break;
+    ++treated;
+  }
+  std::printf("after %d baskets erased or cut:\n", treated);
+  PrintBaskets(store);
+}
+
 }  // namespace
 
-int main() {
+// molra-demo            records and shows the store
+// molra-demo --retain N ages the store to N days instead
+int main(int argc, char** argv) {
   DemoRecorder store;
   store.CallLoadFSinfo();
+  if (argc == 3 && std::strcmp(argv[1], "--retain") == 0) {
+    Retain(store, static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
+    return 0;
+  }
   if (store.GetFSInfo()->dwBaskets == 0) {
     std::printf("no store yet: laying out 2 baskets on drive D and 1 on drive E\n");
     _tagBSKLOC drives[2] = {{3, 2}, {4, 1}};
@@ -189,19 +297,8 @@ int main() {
   std::printf("recording %d s of %d channels at %d frames a second\n", kSeconds, kChannels, kFps);
   if (!Record(store)) return 1;
   store.CallLoadFSinfo();
-  PrintCatalogue(store);
-  std::printf("%-6s %-24s %-20s %-20s %-20s %5s %7s %5s\n", "basket", "path",
-              "created (UTC)", "first (local)", "last (local)", "days", "chunks", "flags");
-  for (DWORD n = 0; n < store.GetFSInfo()->dwBaskets; ++n) {
-    _tagFSBSKINFO record;
-    if (store.GetBaksetInfo(static_cast<LONG>(n), &record) != FS_OK) break;
-    const _tagFSBSKINFO* info = &record;
-    std::printf("%-6u %-24s", static_cast<unsigned>(n), info->szPath);
-    PrintStamp(info->stCreated);
-    PrintStamp(info->stFirst);
-    PrintStamp(info->stLast);
-    std::printf(" %5u %7u %5u\n", static_cast<unsigned>(info->dwDays),
-                static_cast<unsigned>(info->dwChunks), static_cast<unsigned>(info->dwFlags));
-  }
+  PrintTimeline();
+  PrintDayFile(store);
+  PrintBaskets(store);
   return 0;
 }

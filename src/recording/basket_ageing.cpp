@@ -1,0 +1,229 @@
+// Ageing the oldest basket by a retention time: erased whole when all of
+// it is out of date, cut at the front when part of it is.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "disk/status_log.h"
+#include "index/fs_index.h"
+#include "molra/molra.h"
+#include "platform/env.h"
+#include "store/store_files.h"
+
+namespace platform = molra::platform;
+
+namespace {
+
+constexpr DWORD kRecordSize = sizeof(_tagFSBSKTBL);
+
+// Text date "%04d%02d%02d": text order is calendar order.
+std::string DateText(int year, int month, int day) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%04d%02d%02d", year, month, day);
+  return text;
+}
+
+std::string DateText(const SYSTEMTIME& t) { return DateText(t.wYear, t.wMonth, t.wDay); }
+
+void LogFailure(const char* what, DWORD basket) {
+  char line[160];
+  std::snprintf(line, sizeof line, "GetOldestBasketInfoAndBasketControl:%s", what);
+  char text[200];
+  std::snprintf(text, sizeof text, line, static_cast<int>(basket),
+                static_cast<int>(platform::GetLastError()));
+  FsStatusLog(text);
+}
+
+// The index of the oldest basket, opened beside whoever records or plays
+// back there, with the node-level access the cut needs.
+class AgeingIndex : public CFsIndex {
+ public:
+  using CFsIndex::ReadHeader;
+  using CFsIndex::ReadNode;
+
+  int ReloadHeader() { return ReadHeader(&m_Hdr); }
+
+  // The chain now begins at `offset`: First starts there and Prev stops.
+  void CutFront(DWORD offset, DWORD count, _tagIDXNODE* node) {
+    // The node first: a header that names it as the start must never
+    // meet it still linked to the days cut away.
+    node->dwParent = 0;
+    node->dwLeft = 0;
+    WriteNode(node, offset);
+    m_Hdr.dwRoot = offset;
+    m_Hdr.dwFirst = offset;
+    m_Hdr.dwCount = count;
+    WriteHeader(&m_Hdr);
+    m_bWrote = true;  // the close keeps the repaired header
+  }
+};
+
+WORD Digits(const char* text, int count) {
+  char field[8] = {};
+  std::memcpy(field, text, static_cast<size_t>(count));
+  return static_cast<WORD>(std::atoi(field));
+}
+
+}  // namespace
+
+int CMOLRA::GetOldestBasketInfoAndBasketControl(unsigned int days, _tagFSBSKINFO* info) {
+  _tagFSBSKINFO scratch;
+  if (info == nullptr) info = &scratch;
+  const DWORD b = m_FsHdr.dwOldest;
+  // Without a catalogue there is no oldest basket to age.
+  if (GetBaksetInfo(static_cast<LONG>(b), info) != FS_OK) return 0;
+
+  std::tm local;
+  (CTime::GetCurrentTime() - CTimeSpan(static_cast<std::int64_t>(days) * 86400)).GetLocalTm(&local);
+  const std::string cutOff = DateText(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+  const SYSTEMTIME startStamp = info->stFirst;
+  const SYSTEMTIME endStamp = info->stLast;
+  if (cutOff >= DateText(endStamp)) return EraseOldest(b, info);
+  if (cutOff < DateText(startStamp)) return 0;
+  return CutOldest(b, cutOff, info);
+}
+
+int CMOLRA::EraseOldest(DWORD b, _tagFSBSKINFO* info) {
+  _tagFSBSKINFO* record = Basket(b);
+  if (record == nullptr) return 0;
+  platform::Env* env = platform::CurrentEnv();
+  // Sharing with writers only: a basket that anyone has open for reading,
+  // the recorder's and the players' own included, stays as it is.
+  const auto openDirect = [&](const char* ext) {
+    return env->OpenFile(molra::BasketFile(record->szPath, ext), platform::Access::kWrite,
+                         platform::kShareWrite, platform::Disposition::kOpenAlways);
+  };
+  std::unique_ptr<platform::File> index = openDirect(molra::kIndexExt);
+  if (!index) {
+    LogFailure("Basket Erase -%d Error Code:%d", b);
+    return 1;
+  }
+  _tagIDXHDR empty;
+  std::memset(&empty, 0, sizeof empty);
+  empty.cMagic[0] = 'Y';
+  empty.cMagic[1] = 'K';
+  empty.wVersion = 256;
+  DWORD done = 0;
+  index->WriteAt(0, &empty, sizeof empty, &done);
+  index->Close();
+
+  std::unique_ptr<platform::File> table = openDirect(molra::kTableExt);
+  if (!table) {
+    LogFailure("Basket Erase -%d Error Code:%d", b);
+    return 1;
+  }
+  std::unique_ptr<_tagFSBSKTBL> zero(new (std::nothrow) _tagFSBSKTBL());
+  for (DWORD k = 0; zero && k < molra::kTableInitDays; ++k) {
+    table->WriteAt(k * kRecordSize, zero.get(), kRecordSize, &done);
+  }
+  table->Close();
+
+  std::memset(&record->stFirst, 0, sizeof record->stFirst);
+  std::memset(&record->stLast, 0, sizeof record->stLast);
+  record->dwDays = 0;
+  record->dwChunks = 0;
+  record->dwFlags = 0;
+  if (m_FsHdr.dwBaskets > 0) m_FsHdr.dwOldest = (m_FsHdr.dwOldest + 1) % m_FsHdr.dwBaskets;
+  // The emptied record before the head that moves dwOldest on: a power cut
+  // between the two leaves a basket that the next call erases again.
+  SaveCatalogue(static_cast<LONG>(b), true);
+  GetBaksetInfo(static_cast<LONG>(m_FsHdr.dwOldest), info);
+  return 1;
+}
+
+int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
+  _tagFSBSKINFO* record = Basket(b);
+  if (record == nullptr) return 0;
+  // The table first: the days up to the cut-off go, the rest move to the
+  // front in their order, and zero records fill the tail.
+  std::unique_ptr<platform::File> table = platform::CurrentEnv()->OpenFile(
+      molra::BasketFile(record->szPath, molra::kTableExt), platform::Access::kReadWrite,
+      platform::kShareReadWrite, platform::Disposition::kOpenAlways);
+  if (!table) {
+    LogFailure("Basket Update -%dTBL Error Code:%d", b);
+    return 1;
+  }
+  const DWORD days = info->dwDays;
+  std::unique_ptr<BYTE[]> kept(new (std::nothrow) BYTE[static_cast<size_t>(days) * kRecordSize]);
+  std::unique_ptr<_tagFSBSKTBL> one(new (std::nothrow) _tagFSBSKTBL());
+  if (!kept || !one) {
+    // Nothing is written without room for every day that stays.
+    platform::SetLastError(platform::kErrorNotEnoughMemory);
+    LogFailure("Basket Update -%dTBL Error Code:%d", b);
+    return 1;
+  }
+  DWORD keep = 0;
+  for (DWORD k = 0; k < days; ++k) {
+    DWORD done = 0;
+    if (!table->ReadAt(k * kRecordSize, one.get(), kRecordSize, &done) || done != kRecordSize) {
+      LogFailure("Basket Update -%dTBL Error Code:%d", b);
+      return 1;
+    }
+    const std::string day = DateText(static_cast<int>(one->dwYear), static_cast<int>(one->dwMonth),
+                                     static_cast<int>(one->dwDay));
+    if (cutOff < day) std::memcpy(kept.get() + static_cast<size_t>(keep++) * kRecordSize, one.get(), kRecordSize);
+  }
+  // Kept days and the zeros behind them in one write: a power cut leaves
+  // the table either as it was or compacted, never half of each.
+  std::memset(kept.get() + static_cast<size_t>(keep) * kRecordSize, 0,
+              static_cast<size_t>(days - keep) * kRecordSize);
+  DWORD done = 0;
+  table->WriteAt(0, kept.get(), days * kRecordSize, &done);
+  table->Close();
+  kept.reset();
+  info->dwDays = keep;
+
+  // Then the index: the chain's front up to the cut-off is skipped.
+  AgeingIndex index;
+  if (!index.Open(molra::BasketFile(record->szPath, molra::kIndexExt), CFsFile::kModeReadWrite, 0)) {
+    LogFailure("Basket Update -%dIDX Error Code:%d", b);
+    return 1;
+  }
+  if (!index.ReloadHeader()) {
+    LogFailure("Basket Update -%dIDX Error Code:%d", b);
+    index.Close();
+    return 1;
+  }
+  char cutKey[64];
+  std::snprintf(cutKey, sizeof cutKey, "%s%02d%02d%02d%04d%02d", cutOff.c_str(), 23, 59, 59, 9999, 99);
+  DWORD count = index.Header().dwCount;
+  _tagIDXNODE node;
+  bool haveNode = index.ReadNode(&node, index.Header().dwFirst) != 0;
+  if (haveNode && CFsIndex::CompareKey(node.cKey, cutKey, 8) <= 0) {
+    DWORD offset = index.Header().dwFirst;
+    for (;;) {
+      --count;
+      DWORD found = 0;
+      const _tagIDXNODE examined = node;
+      if (!index.NextNode(&node, offset, &found)) {
+        node = examined;  // the walk's end: the last node it reached counts
+        break;
+      }
+      offset = found;
+      if (CFsIndex::CompareKey(node.cKey, cutKey, 8) > 0) {
+        index.CutFront(found, count, &node);
+        break;
+      }
+    }
+  }
+
+  record->dwDays = keep;
+  record->dwChunks = count;
+  if (haveNode) {
+    // The basket now starts with the last node looked at.
+    record->stFirst.wYear = Digits(node.cKey, 4);
+    record->stFirst.wMonth = Digits(node.cKey + 4, 2);
+    record->stFirst.wDay = Digits(node.cKey + 6, 2);
+    record->stFirst.wHour = Digits(node.cKey + 8, 2);
+    record->stFirst.wMinute = Digits(node.cKey + 10, 2);
+    record->stFirst.wSecond = Digits(node.cKey + 12, 2);
+    record->stFirst.wMilliseconds = Digits(node.cKey + 14, 4);
+  }
+  SaveFSInfo(static_cast<LONG>(b));
+  GetBaksetInfo(static_cast<LONG>(m_FsHdr.dwOldest), info);
+  index.Close();
+  return 1;
+}

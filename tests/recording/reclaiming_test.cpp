@@ -1,0 +1,382 @@
+// Reclaiming: ageing the oldest basket, taking baskets out of the
+// catalogue and blanking old baskets' day tables, checked on disk.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "index/fs_index.h"
+#include "platform/fault_injection.h"
+#include "store/store_probe.h"
+
+namespace molra_test {
+namespace {
+
+constexpr size_t kHead = sizeof(_tagFSHDR), kRec = sizeof(_tagFSBSKINFO);
+constexpr size_t kDay = sizeof(_tagFSBSKTBL);
+constexpr size_t kFirstAt = 84, kDaysAt = 116;  // stFirst and dwDays in a record
+
+template <typename T>
+T Get(const Bytes& b, size_t at) {
+  T v{};
+  if (at + sizeof v <= b.size()) std::memcpy(&v, b.data() + at, sizeof v);
+  return v;
+}
+template <typename T>
+void Put(Bytes* b, size_t at, const T& v) {
+  b->replace(at, sizeof v, reinterpret_cast<const char*>(&v), sizeof v);
+}
+
+const auto kNamed = [](const auto& info) { return std::string(info.param.name); };
+
+// Holds the current basket open for playback in another process.
+struct ChildPlayer {
+  ChildPlayer() {
+    int up[2];
+    if (::pipe(up) != 0 || (pid = ::fork()) < 0) return;
+    if (pid == 0 && (new CMOLRA)->OpenFS(1) == FS_OK && ::write(up[1], "y", 1) == 1) ::pause();
+    if (pid == 0) ::_exit(2);
+    ::close(up[1]);
+    ok = ::read(up[0], up + 1, 1) == 1;
+    ::close(up[0]);
+  }
+  ~ChildPlayer() {
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+  }
+  pid_t pid = -1;
+  bool ok = false;
+};
+
+// A chunk on 2010-11-day; day 0 sends the next chunk to the next basket.
+struct Chunk {
+  WORD day, hour = 1;
+  WORD ms = 0;  // 0: one of the test's own, so that the keys' sequence stays 0
+  int channel = 0;
+  WORD weekday = 0;
+};
+
+class ReclaimTest : public StoreTest {
+ protected:
+  // `baskets` on drive D:, recorded into by `rec`.
+  void Make(LONG baskets, const std::vector<Chunk>& chunks) {
+    _tagBSKLOC loc{3, baskets};
+    ASSERT_EQ(rec.CreateFS(&loc, 1), FS_OK);
+    ASSERT_EQ(rec.OpenFS(0), FS_OK);
+    for (const Chunk& c : chunks) ASSERT_NO_FATAL_FAILURE(Save(c));
+  }
+  void Save(const Chunk& c) {
+    if (c.day == 0) {
+      rec.Basket(rec.GetFSInfo()->dwCurrent)->dwChunks = 70001;
+      return;
+    }
+    const SYSTEMTIME t{2010, 11, c.weekday, c.day, c.hour, 0, 0, c.ms ? c.ms : ++m_ms};
+    _tagCHUNKHDR h{0xA5, t, {}, static_cast<signed char>(c.channel), 0x00010000, 4};
+    BYTE payload[4] = {};
+    DWORD rest = 0;
+    ASSERT_EQ(rec.SaveData(&h, payload, &rest, 0), FS_OK);
+  }
+  static std::string Name(int n) { return "D:\\MOLRA\\FS00000" + std::to_string(n); }
+  std::string Path(int n, const char* ext) const {
+    return Real('d', "MOLRA/FS00000" + std::to_string(n) + ext);
+  }
+  Bytes Rec(int n) const { return Catalogue().substr(kHead + n * kRec, kRec); }
+  std::vector<DWORD> IndexHead(int n) const {  // dwFirst, dwCount
+    const _tagIDXHDR h = Get<_tagIDXHDR>(ReadAll(Path(n, ".CIN"), 28), 0);
+    return {h.dwFirst, h.dwCount};
+  }
+  std::vector<Bytes> Files(int n) const {
+    return {Catalogue(), ReadAll(Path(n, ".CIN")), ReadAll(Path(n, ".CTA"))};
+  }
+  // Ages with an object of its own, as the host's housekeeping would.
+  int Age(unsigned days, _tagFSBSKINFO* info = nullptr, DWORD oldest = 0) {
+    StoreProbe ager;
+    ager.CallLoadFSinfo();
+    if (oldest != 0) ager.GetFSInfo()->dwOldest = oldest;
+    _tagFSBSKINFO scratch;
+    return ager.GetOldestBasketInfoAndBasketControl(days, info ? info : &scratch);
+  }
+  // Basket 0 holds the chunks given, basket 1 (current) the 19th, basket 2
+  // nothing.
+  void Ring(std::vector<Chunk> chunks) {
+    chunks.insert(chunks.end(), {{0}, {19}});
+    ASSERT_NO_FATAL_FAILURE(Make(3, chunks));
+    rec.CloseFS();
+  }
+
+  StoreProbe rec;
+  WORD m_ms = 0;
+};
+
+struct AgeCase {
+  const char* name;
+  std::vector<Chunk> chunks;  // of basket 0
+  unsigned retention;
+  int result;
+  char effect;      // 'k' kept, 'e' erased, 'c' cut
+  DWORD oldest = 0;  // the basket aged
+};
+
+class ReclaimAge : public ReclaimTest, public ::testing::WithParamInterface<AgeCase> {};
+
+TEST_P(ReclaimAge, ErasesCutsOrKeepsTheOldestBasket) {  // today is the 18th
+  const AgeCase& p = GetParam();
+  const int b = static_cast<int>(p.oldest);
+  ASSERT_NO_FATAL_FAILURE(Ring(p.chunks));
+  const std::vector<Bytes> before = Files(b);
+  _tagFSBSKINFO info{};
+  EXPECT_EQ(Age(p.retention, &info, p.oldest), p.result);
+  const DWORD oldest = p.effect == 'e' ? (p.oldest + 1) % 3 : p.oldest;
+  EXPECT_EQ(Get<DWORD>(Catalogue(), 16), oldest);  // dwOldest
+  EXPECT_EQ(std::string(info.szPath), Name(static_cast<int>(oldest)));
+  EXPECT_TRUE(p.effect != 'k' || Files(b) == before);
+  EXPECT_TRUE(p.effect != 'c' || Age(p.retention) == 0);  // nothing more to cut
+  if (p.effect != 'e') return;
+  Bytes record = before[0].substr(kHead + b * kRec, kRec);  // span, days, chunks, flags go
+  EXPECT_TRUE(Rec(b) == record.replace(kFirstAt, 32, 32, '\0').replace(kDaysAt, 12, 12, '\0'));
+  const Bytes index = ReadAll(Path(b, ".CIN"));
+  EXPECT_TRUE(index.substr(0, 28) == Bytes("YK\0\1", 4) + Bytes(24, '\0'));
+  EXPECT_TRUE(index.substr(28) == before[1].substr(28));  // the nodes stay
+  EXPECT_TRUE(ReadAll(Path(b, ".CTA")) == Bytes(before[2].size(), '\0'));
+}
+
+const AgeCase kAgeCases[] = {
+    {"DaysZeroTakesABasketEndingToday", {{15}, {16}, {17}, {18}}, 0, 1, 'e'},
+    {"AllOnTheCutOffDayIsWhole", {{15}, {15, 2}}, 3, 1, 'e'},
+    {"StartingOnTheCutOffDayIsCut", {{15}, {16}}, 3, 1, 'c'},
+    {"CutOffBeforeTheStartKeepsAll", {{15}, {16}}, 4, 0, 'k'},
+    {"NeverUsedLastBasketGoesAndWraps", {{15}}, 1000, 1, 'e', 2},
+};
+INSTANTIATE_TEST_SUITE_P(Reclaim, ReclaimAge, ::testing::ValuesIn(kAgeCases), kNamed);
+
+TEST_F(ReclaimTest, CutMovesTheKeptDaysUpAndStartsTheIndexAtTheFirstKeptNode) {
+  ASSERT_NO_FATAL_FAILURE(
+      Ring({{14, 1, 0, 0, 3}, {15}, {16, 7, 777, 1, 5}, {16, 9, 13}, {17, 2, 14}}));
+  const Bytes table = ReadAll(Path(0, ".CTA"));
+  const Bytes record = Rec(0);
+  _tagFSBSKINFO info{};
+  ASSERT_EQ(Age(3, &info), 1);  // cut-off the 15th
+  EXPECT_EQ(info.dwDays, 2u);
+  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) ==
+              table.substr(2 * kDay, 2 * kDay) + Bytes(2 * kDay, '\0'));
+
+  CFsIndex index;
+  ASSERT_TRUE(index.Open((Name(0) + ".CIN").c_str(), 2, 0));
+  char key[20];
+  _tagIDXREF ref{};
+  ASSERT_TRUE(index.First(key, &ref));
+  EXPECT_FALSE(index.Prev(key, &ref));  // though the first node is still in the file
+  _tagIDXNODE node;
+  DWORD found = 0;
+  EXPECT_FALSE(index.PrevNode(&node, 28 + 2 * 41, &found));  // a walk stops there too
+  std::vector<std::string> keys;
+  for (int ok = index.First(key, &ref); ok; ok = index.Next(key, &ref)) keys.emplace_back(key, 20);
+  EXPECT_EQ(keys, (std::vector<std::string>{"20101116070000077700", "20101116090000001300",
+                                            "20101117020000001400"}));
+  EXPECT_EQ(ReadAll(Path(0, ".CIN"), 28 + 41).substr(28 + 21, 8), "20101114");
+  EXPECT_EQ(IndexHead(0), (std::vector<DWORD>{28 + 2 * 41, 3}));
+
+  // stFirst from the key, with its milliseconds and the old day of the week.
+  Bytes expected = record;
+  Put(&expected, kFirstAt, SYSTEMTIME{2010, 11, 3, 16, 7, 0, 0, 777});
+  Put(&expected, kDaysAt, std::array<DWORD, 2>{2, 3});  // dwChunks is the index's count
+  EXPECT_TRUE(Rec(0) == expected);
+}
+
+TEST_F(ReclaimTest, CutGoesThroughUnderTheRecorderWhoseNextSavesKeepItsOwnView) {
+  ASSERT_NO_FATAL_FAILURE(Make(1, {{16}, {17}, {18}}));
+  ASSERT_EQ(Age(1), 1);  // cut-off the 17th
+  EXPECT_EQ(IndexHead(0), (std::vector<DWORD>{28 + 2 * 41, 1}));
+
+  ASSERT_NO_FATAL_FAILURE(Save({18, 5, 0, 2}));  // its own header goes over the repaired one
+  EXPECT_EQ(IndexHead(0), (std::vector<DWORD>{28, 4}));
+  ASSERT_NO_FATAL_FAILURE(Save({19}));  // a new day goes behind its old count of days
+  const Bytes after = ReadAll(Path(0, ".CTA"));
+  EXPECT_EQ(Get<DWORD>(after, 12 + (2 * 24 + 5) * 4), 0x00010000u);  // in the kept 18th
+  EXPECT_TRUE(after.substr(kDay, 2 * kDay) == Bytes(2 * kDay, '\0'));
+  EXPECT_EQ(Get<DWORD>(after, 3 * kDay + 8), 19u);
+  EXPECT_EQ(Get<DWORD>(Rec(0), kDaysAt), 4u);
+}
+
+// Basket 0 is held by 0 the recorder, 1 a player, 2 a player in another process.
+class ReclaimShare : public ReclaimTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ReclaimShare, ABasketOpenElsewhereIsNotErased) {
+  ASSERT_NO_FATAL_FAILURE(Make(2, {{14}, {15}}));
+  StoreProbe player;
+  std::optional<ChildPlayer> child;
+  if (GetParam() != 0) rec.CloseFS();
+  ASSERT_TRUE(GetParam() != 1 || player.OpenFS(1) == FS_OK);
+  ASSERT_TRUE(GetParam() != 2 || child.emplace().ok);
+  const std::vector<Bytes> before = Files(0);
+  _tagFSBSKINFO info{};
+  EXPECT_EQ(Age(0, &info), 1);
+  EXPECT_TRUE(Files(0) == before);
+  EXPECT_EQ(std::string(info.szPath), Name(0));
+  EXPECT_NE(ReadAll(Real('c', "FSDIR/status.dat"))
+                .find("GetOldestBasketInfoAndBasketControl:Basket Erase -0 Error Code:32 "),
+            std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(Reclaim, ReclaimShare, ::testing::Values(0, 1, 2));
+
+class ReclaimPowerCut : public ReclaimTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ReclaimPowerCut, AtAnyWriteLeavesAStoreThatOpensAndASecondCallFinishes) {
+  const unsigned retention = GetParam();  // 0 erases basket 0, 3 cuts it
+  ASSERT_NO_FATAL_FAILURE(Ring({{14}, {15}, {16}, {16, 2}, {17}}));
+  const std::vector<Bytes> before = Files(0);
+  ASSERT_EQ(Age(retention), 1);
+  const std::vector<Bytes> done = Files(0);
+  DWORD n = 1;
+  for (bool cut = true; cut; ++n) {
+    WriteCatalogue(before[0]);
+    std::ofstream(Path(0, ".CIN"), std::ios::binary).write(before[1].data(), before[1].size());
+    std::ofstream(Path(0, ".CTA"), std::ios::binary).write(before[2].data(), before[2].size());
+    {
+      molra::platform::ScopedFaultInjection faults;
+      StoreProbe ager;
+      ager.CallLoadFSinfo();
+      faults->CutPowerAtWrite(n);
+      _tagFSBSKINFO info;
+      ager.GetOldestBasketInfoAndBasketControl(retention, &info);
+      cut = faults->PowerCut();
+    }
+    SCOPED_TRACE(n);
+    StoreProbe fresh;
+    EXPECT_EQ(fresh.OpenFS(0), FS_OK);
+    EXPECT_EQ(fresh.OpenFS(1), FS_OK);
+    const bool finished = Files(0) == done;  // also when only the last write was lost
+    EXPECT_EQ(Age(retention), finished ? 0 : 1);
+    EXPECT_TRUE(Files(0) == done);
+  }
+  EXPECT_GT(n, 5u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Reclaim, ReclaimPowerCut, ::testing::Values(0, 3));
+
+struct DelCase {
+  const char* name;
+  DWORD held, count, current, oldest;  // records in the file; the head's fields
+  LONG number, result;
+  std::vector<DWORD> head;  // count, current, oldest afterwards
+  std::vector<int> left;    // the baskets listed afterwards, in order
+};
+
+class ReclaimDelete : public ReclaimTest, public ::testing::WithParamInterface<DelCase> {};
+
+TEST_P(ReclaimDelete, TakesBasketsOutOfTheCatalogueFileAndDeletesTheirFiles) {
+  const DelCase& p = GetParam();
+  _tagBSKLOC loc{3, 3};
+  ASSERT_EQ(rec.CreateFS(&loc, 1), FS_OK);
+  Bytes old = Catalogue().substr(0, kHead + p.held * kRec).replace(20, 12, 12, 'Z');
+  Put(&old, 8, std::array<DWORD, 3>{p.count, p.current, p.oldest});
+  WriteCatalogue(old);
+  EXPECT_EQ(rec.DeleteBakset(p.number), p.result);
+  Bytes expected = old;
+  if (p.result == FS_OK) {
+    expected = old.substr(0, kHead);  // magic, version and reserved bytes stay
+    Put(&expected, 8, std::array<DWORD, 3>{p.head[0], p.head[1], p.head[2]});
+    for (const int n : p.left) expected += old.substr(kHead + n * kRec, kRec);
+    expected += old.substr(expected.size());  // old records stay behind the list
+  }
+  EXPECT_TRUE(Catalogue() == expected);
+  for (int n = 0; n < 3; ++n) {
+    const bool stays = p.result != FS_OK || n >= static_cast<int>(p.held) ||
+                       std::count(p.left.begin(), p.left.end(), n) > 0;
+    for (const char* ext : {".CIN", ".CDT", ".CTA"}) {
+      EXPECT_EQ(FileExists(Path(n, ext)), stays) << n << ext;
+    }
+  }
+}
+
+const DelCase kDelCases[] = {
+    {"AllOfThree", 3, 3, 2, 1, -1, FS_OK, {0, 0, 0}, {}},
+    {"AllHeld", 2, 3, 1, 1, -1, FS_OK, {0, 0, 0}, {}},
+    {"LastWithTheCurrentOnIt", 3, 3, 2, 0, 2, FS_OK, {2, 1, 0}, {0, 1}},
+    {"FirstOfThree", 3, 3, 1, 2, 0, FS_OK, {2, 1, 0}, {1, 2}},
+    {"FirstOfTheHeld", 2, 3, 0, 0, 0, FS_OK, {1, 0, 0}, {1}},
+    {"TheOnlyOne", 1, 1, 0, 0, 0, FS_OK, {0, 0, 0}, {}},
+    {"Negative", 3, 3, 1, 1, -2, FS_ERR_PARAM, {}, {}},
+    {"PastTheList", 3, 3, 1, 1, 3, FS_ERR_PARAM, {}, {}},
+    {"PastTheHeld", 2, 3, 1, 1, 2, FS_ERR_PARAM, {}, {}},
+};
+INSTANTIATE_TEST_SUITE_P(Reclaim, ReclaimDelete, ::testing::ValuesIn(kDelCases), kNamed);
+
+TEST_F(ReclaimTest, DeleteNeedsACatalogueAndLeavesAnEmptyOneAlone) {
+  EXPECT_EQ(rec.DeleteBakset(-1), FS_ERR_CATALOG);
+  EXPECT_FALSE(FileExists(CataloguePath()));
+  for (const Bytes& bytes : {Bytes(), CatalogueBytes(0, 0, 0, {Record(Name(0))})}) {
+    WriteCatalogue(bytes);
+    EXPECT_EQ(rec.DeleteBakset(-1), FS_OK);
+    EXPECT_EQ(rec.DeleteBakset(0), FS_OK);
+    EXPECT_TRUE(Catalogue() == bytes);
+  }
+}
+
+struct BlankCase {
+  const char* name;
+  DWORD current, oldest;
+  const char *date, *limit;
+  std::vector<int> blanked;
+  // 'z' basket 0's stFirst zeroed, 'd' its dwDays beyond the table, 'c' the
+  // store closed, 'p' open for playback.
+  char twist = 0;
+  LONG result = FS_OK;
+};
+
+class ReclaimBlank : public ReclaimTest, public ::testing::WithParamInterface<BlankCase> {};
+
+TEST_P(ReclaimBlank, ZeroesTheTablesAndSpansOfBasketsOlderThanTheLimit) {
+  const BlankCase& p = GetParam();
+  // The baskets start on the 10th (two days), 12th and 14th.
+  ASSERT_NO_FATAL_FAILURE(Make(3, {{10}, {11}, {0}, {12}, {0}, {14}}));
+  Bytes cat = Catalogue();
+  Put(&cat, 12, std::array<DWORD, 2>{p.current, p.oldest});
+  if (p.twist == 'z') cat.replace(kHead + kFirstAt, 16, 16, '\0');
+  if (p.twist == 'd') Put<DWORD>(&cat, kHead + kDaysAt, 9);
+  WriteCatalogue(cat);
+  if (p.twist == 'c' || p.twist == 'p') rec.CloseFS();
+  ASSERT_TRUE(p.twist != 'p' || rec.OpenFS(1) == FS_OK);
+  std::vector<std::vector<Bytes>> before;
+  for (int n = 0; n < 3; ++n) {
+    before.push_back({Rec(n), ReadAll(Path(n, ".CIN")), ReadAll(Path(n, ".CTA"))});
+  }
+  EXPECT_EQ(rec.DelTBLSaveDataInfo(p.date, p.limit), p.result);
+  for (int n = 0; n < 3; ++n) {
+    SCOPED_TRACE(n);
+    const bool blank = std::count(p.blanked.begin(), p.blanked.end(), n) > 0;
+    Bytes table = before[n][2];
+    const size_t zeros = std::min(table.size(), Get<DWORD>(before[n][0], kDaysAt) * kDay);
+    if (blank) table.replace(0, zeros, zeros, '\0');
+    EXPECT_TRUE(ReadAll(Path(n, ".CTA")) == table);
+    Bytes record = before[n][0];  // span, days and chunks go; the flags stay
+    if (blank) record.replace(kFirstAt, 32, 32, '\0').replace(kDaysAt, 8, 8, '\0');
+    EXPECT_TRUE(Rec(n) == record);
+    EXPECT_TRUE(ReadAll(Path(n, ".CIN")) == before[n][1]);
+  }
+}
+
+const BlankCase kBlankCases[] = {
+    {"UnwrappedFromZeroUpToTheCurrent", 2, 1, "20101118", "3", {0, 1}},
+    {"AtTheLimitStays", 2, 0, "20101118", "8", {}},
+    {"ADayPastTheLimitGoes", 2, 0, "20101118", "7", {0}},
+    {"WrappedAllFromTheOldest", 0, 1, "20101118", "3", {0, 1, 2}},
+    {"EmptyRingNone", 1, 1, "20101118", "0", {}},
+    {"StartAfterTheDateStays", 2, 0, "20101111", "0", {0}},
+    {"StartOnTheDateStays", 2, 0, "20101110", "-1", {}},
+    {"AllZeroStartStays", 2, 0, "20101118", "0", {1}, 'z'},
+    {"ZerosOnlyWhereTheTableIs", 2, 0, "20101118", "3", {0, 1}, 'd'},
+    {"NotOpen", 2, 0, "20101118", "3", {}, 'c', FS_ERR_FILE},
+    {"PlayingBack", 2, 0, "20101118", "3", {}, 'p', FS_ERR_MODE},
+};
+INSTANTIATE_TEST_SUITE_P(Reclaim, ReclaimBlank, ::testing::ValuesIn(kBlankCases), kNamed);
+
+}  // namespace
+}  // namespace molra_test
