@@ -14,8 +14,8 @@ namespace platform = molra::platform;
 
 namespace {
 
-// Day files are opened for reading and writing, shared with other writers
-// but not with readers.
+// Writers open day files for reading and writing and share both; a reader
+// shares reading only, so the two keep out of each other's way.
 std::unique_ptr<platform::File> OpenForMarks(const char* path, platform::Disposition disposition) {
   return platform::CurrentEnv()->OpenFile(path, platform::Access::kReadWrite,
                                           platform::kShareReadWrite, disposition);

@@ -114,8 +114,7 @@ LONG CMOLRA::DelTBLSaveDataInfo(CString date, CString limit) {
   } else if (current > oldest) {
     for (DWORD i = 0; i < current; ++i) visit.push_back(i);
   }
-  std::unique_ptr<_tagFSBSKTBL> zero(new (std::nothrow) _tagFSBSKTBL());
-  if (!zero) return FS_ERR_MEMORY;
+  static const _tagFSBSKTBL zero{};
   for (const DWORD n : visit) {
     platform::Sleep(kPaceMs);
     const _tagFSBSKINFO* record = Basket(n);
@@ -134,7 +133,7 @@ LONG CMOLRA::DelTBLSaveDataInfo(CString date, CString limit) {
     const DWORD records = record->dwDays < held ? record->dwDays : held;
     for (DWORD k = 0; k < records; ++k) {
       platform::Sleep(kPaceMs);
-      table.WriteAt(k * kRecordSize, zero.get(), kRecordSize);
+      table.WriteAt(k * kRecordSize, &zero, kRecordSize);
     }
     table.Close();
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "molra/molra.h"
+#include "time/zone_clock.h"
 #include "timeline/day_record_reader.h"
 
 namespace {
@@ -57,6 +58,8 @@ LONG CMOLRA::GetSaveDateInfo(LONG year, LONG month, int* days, LONG count) {
   if (start != FS_OK) return start;
   if (days == nullptr) return FS_OK;
   const SYSTEMTIME asked = Stamp(year, month, 0);
+  // The caller's array has room for every day of the month asked.
+  const int monthDays = CZoneClock::LastDayOfMonth(asked.wYear, asked.wMonth);
   const auto isSet = [&](WORD day) { return day >= 1 && day <= count && days[day - 1] != 0; };
   bool remembered = false;
   SYSTEMTIME lastFirst{};
@@ -89,7 +92,7 @@ LONG CMOLRA::GetSaveDateInfo(LONG year, LONG month, int* days, LONG count) {
                                      static_cast<LONG>(head.dwDay), hour);
             ChangeSystemToLocalTime(local, 1);
             if (local.wYear == asked.wYear && local.wMonth == asked.wMonth && local.wDay >= 1 &&
-                local.wDay <= count) {
+                local.wDay <= monthDays) {
               days[local.wDay - 1] = 1;
             }
           }

@@ -69,10 +69,7 @@ class LoggingFaults : public platform::FaultInjectionEnv {
 };
 
 // A chunk of channel 3 on 2010-11, and where it has to be found.
-struct Plan {
-  WORD day, hour, minute, second, ms;
-  DWORD length;
-};
+struct Plan { WORD day, hour, minute, second, ms; DWORD length; };
 struct Chunk {
   _tagCHUNKHDR header{};
   Bytes payload;
@@ -153,8 +150,8 @@ class PowerCut : public molra_test::TempDrives {
     Bytes bytes(kChunkHead + chunk.payload.size(), '\0');
     std::ifstream file(Data(chunk.basket), std::ios::binary);
     file.seekg(chunk.offset).read(bytes.data(), static_cast<long>(bytes.size()));
-    EXPECT_EQ(bytes, Bytes(reinterpret_cast<const char*>(&chunk.header), kChunkHead) + chunk.payload)
-        << ms;
+    const Bytes head(reinterpret_cast<const char*>(&chunk.header), kChunkHead);
+    EXPECT_EQ(bytes, head + chunk.payload) << ms;
   }
 
   void SetWritePos(int basket, DWORD writePos) const {
@@ -196,7 +193,6 @@ class PowerCut : public molra_test::TempDrives {
     }  // the store goes down while the power is off
 
     Chunk next = Make(c.next, pending.basket);
-
     {
       molra_test::StoreProbe store;
       ASSERT_EQ(store.OpenFS(0), FS_OK);

@@ -41,7 +41,8 @@ class ZoneOracleTest : public molra_test::TempDrives {
     SYSTEMTIME mid{year, 7, 0, 1, 12, 0, 0, 0};
     molra::platform::SetClock(&mid);
     CMOLRA store;
-    const std::int64_t start = molra::platform::StampToUnixMillis({year, 1, 0, 1, 0, 0, 0, 0}) / 1000;
+    const SYSTEMTIME jan1{year, 1, 0, 1, 0, 0, 0, 0};
+    const std::int64_t start = molra::platform::StampToUnixMillis(jan1) / 1000;
     int count = 0;
     for (std::int64_t t = start; t < start + 366 * 86400; t += 3600) {
       SYSTEMTIME stamp = molra::platform::UnixMillisToStamp(t * 1000);
