@@ -69,6 +69,7 @@ TEST_F(CreateFsTest, FailedRequestsKeepTheCatalogueAndUndoTheirDataFiles) {
   _tagBSKLOC one[] = {{3, 1}};
   ASSERT_EQ(store.CreateFS(one, 1), FS_OK);
   const Bytes catalogue = Catalogue();
+  store.calls.clear();
 
   // Requests that make no basket. A good entry ahead of a bad one is not made either.
   EXPECT_EQ(store.CreateFS(nullptr, 1), FS_ERR_PARAM);
@@ -78,6 +79,7 @@ TEST_F(CreateFsTest, FailedRequestsKeepTheCatalogueAndUndoTheirDataFiles) {
   for (auto [request, result] : requests) {
     EXPECT_EQ(store.CreateFS(request.data(), static_cast<DWORD>(request.size())), result);
   }
+  EXPECT_TRUE(store.calls.empty());  // refused before the hook is asked
   EXPECT_EQ(FilesOn('d'), 3u);
   EXPECT_FALSE(FileExists(Real('e', "MOLRA")) || FileExists(Real('f', "MOLRA")));
 
