@@ -130,9 +130,8 @@ TEST_P(ReclaimAge, ErasesCutsOrKeepsTheOldestBasket) {  // today is the 18th
   _tagFSBSKINFO info{};
   EXPECT_EQ(Age(p.retention, &info, p.oldest), p.result);
   EXPECT_EQ(std::string(info.szPath), Name(next));
-  const Bytes log = ReadAll(Real('c', "FSDIR/status.dat"));
-  const char refusal[] = "GetOldestBasketInfoAndBasketControl:Basket Erase -0 Error Code:32 ";
-  EXPECT_EQ(log.find(refusal) != Bytes::npos, p.holder != 0);
+  const Bytes log = ReadAll(Real('c', "FSDIR/status.dat"));  // 32: a sharing violation
+  EXPECT_EQ(log.find("BasketControl:Basket Erase -0 Error Code:32 ") != Bytes::npos, p.holder != 0);
   EXPECT_TRUE(p.effect != 'c' || Age(p.retention) == 0);  // nothing more to cut
   if (p.effect == 'e') {  // its span, days, chunks and flags go, the index's head, the table
     Put<DWORD>(&want[0], 16, next);  // dwOldest
@@ -171,7 +170,8 @@ TEST_F(ReclaimTest, CutMovesTheKeptDaysUpAndStartsTheIndexAtTheFirstKeptNode) {
   ASSERT_TRUE(index.Open((Name(0) + ".CIN").c_str(), 2, 0));
   char key[20];
   std::vector<std::string> keys;
-  for (int ok = index.First(key, nullptr); ok; ok = index.Next(key, nullptr)) keys.emplace_back(key, 20);
+  for (int ok = index.First(key, nullptr); ok; ok = index.Next(key, nullptr))
+    keys.emplace_back(key, 20);
   EXPECT_EQ(keys, (std::vector<std::string>{"20101116070000077700", "20101116090000001300",
                                             "20101117020000001400"}));
   ASSERT_TRUE(index.First(key, nullptr));
@@ -180,8 +180,7 @@ TEST_F(ReclaimTest, CutMovesTheKeptDaysUpAndStartsTheIndexAtTheFirstKeptNode) {
   DWORD found = 0;
   EXPECT_FALSE(index.PrevNode(&node, 28 + 2 * 41, &found));  // a walk stops there too
 
-  // stFirst from the key, with its milliseconds and the old day of the week;
-  // dwChunks is the index's count.
+  // stFirst from the key, with its milliseconds and the old weekday; dwChunks the index's count.
   Bytes expected = record;
   Put(&expected, kFirstAt, SYSTEMTIME{2010, 11, 3, 16, 7, 0, 0, 777});
   Put(&expected, kDaysAt, std::array<DWORD, 2>{2, 3});
@@ -219,8 +218,7 @@ TEST_P(ReclaimPowerCut, AtAnyWriteLeavesAStoreThatOpensAndASecondCallFinishes) {
     }
     SCOPED_TRACE(n);
     StoreProbe fresh;
-    EXPECT_EQ(fresh.OpenFS(0), FS_OK);
-    EXPECT_EQ(fresh.OpenFS(1), FS_OK);
+    for (const int mode : {0, 1}) EXPECT_EQ(fresh.OpenFS(mode), FS_OK) << mode;
     const bool finished = Files(0) == done;  // also when only the last write was lost
     EXPECT_EQ(Age(retention), finished ? 0 : 1);
     EXPECT_TRUE(Files(0) == done);
@@ -257,7 +255,8 @@ TEST_P(ReclaimDelete, TakesBasketsOutOfTheCatalogueFileAndDeletesTheirFiles) {
   for (int n = 0; n < 3; ++n) {
     const bool stays = p.result != FS_OK || n >= static_cast<int>(p.held) ||
                        std::count(p.left.begin(), p.left.end(), n) > 0;
-    for (const char* ext : {".CIN", ".CDT", ".CTA"}) EXPECT_EQ(FileExists(Path(n, ext)), stays) << n << ext;
+    for (const char* ext : {".CIN", ".CDT", ".CTA"})
+      EXPECT_EQ(FileExists(Path(n, ext)), stays) << n << ext;
   }
 }
 
