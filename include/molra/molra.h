@@ -17,6 +17,7 @@
 class CFsFile;
 class CFsIndex;
 class CZoneClock;
+struct _tagIDXREF;
 
 class CMOLRA {
  public:
@@ -51,6 +52,53 @@ class CMOLRA {
   // FS_ERR_PARAM (a channel outside 0 to 15, a stamp whose month, day,
   // hour or minute is out of range, or no payload) with nothing touched.
   LONG SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int unused);
+
+  // Playback, for an object opened with OpenFS(1). A seek finds the chunk
+  // recorded at a minute (second 0, any second of it) or at a second, for
+  // one channel or any (chChannel -1), never the nearest one; it reloads
+  // nothing, but reads the basket's index afresh. The chunk's 30-byte
+  // header replaces the caller's, its payload goes to `payload` (room for
+  // 811,008 bytes), and the reader then stands on it. ReadData speaks
+  // local time (bDaylight: daylight time may apply), the Ex forms UTC.
+  // FS_OK, FS_ERR_FILE (not open, not recorded, a damaged chunk - logged to
+  // "c:\FSDIR\defected.dat" - or cancelled by SetExit), FS_ERR_MODE,
+  // FS_ERR_INDEX (a basket's index cannot be opened, or SetExit).
+  LONG ReadData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight);
+  LONG ReadDataEx(_tagCHUNKHDR* header, unsigned char* payload);
+  LONG ReadDataEx2(_tagCHUNKHDR* header, unsigned char* payload);
+  // Kept for hosts that call them: they read nothing. FS_ERR_FILE, or
+  // FS_ERR_MODE when the open store is not playing back.
+  LONG ReadFirstData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight);
+  LONG ReadLastData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight);
+  // Steps from where the reader stands to the chunk behind (Next) or
+  // ahead (Prev), of any channel (chChannel -1) or of one, across the
+  // baskets of the ring as this object last loaded it. FS_END_OF_DATA at
+  // the end of the current basket, FS_BEGIN_OF_DATA at the start of the
+  // oldest; FS_ERR_INDEX for SetExit or a channel outside -1 to 15;
+  // FS_ERR_FILE before any seek has placed the reader, or for a damaged
+  // chunk; FS_ERR_PARAM when the payload cannot be read.
+  LONG ReadNextData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight);
+  LONG ReadPrevData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight);
+  LONG ReadNextDataEx(_tagCHUNKHDR* header, unsigned char* payload);
+  LONG ReadPrevDataEx(_tagCHUNKHDR* header, unsigned char* payload);
+  // Key-frame skips (chChannel must be -1): the first key frame at least
+  // `distance` seconds on from (Next) or back from (Prev) the last chunk
+  // handed out; key frames of several channels in one second come once
+  // per channel. At most 4,800 index moves per call, then FS_ERR_FILE
+  // (call again to go on).
+  LONG ReadNextData2(_tagCHUNKHDR* header, unsigned char* payload, int distance,
+                     unsigned char bDaylight);
+  LONG ReadPrevData2(_tagCHUNKHDR* header, unsigned char* payload, int distance,
+                     unsigned char bDaylight);
+  LONG ReadNextDataEx2(_tagCHUNKHDR* header, unsigned char* payload, int distance);
+  LONG ReadPrevDataEx2(_tagCHUNKHDR* header, unsigned char* payload, int distance);
+  // The decision on one key frame of a skip: 1 deliver, 0 go on. `key` is
+  // an index key (its first 14 characters are read), `base` the last
+  // chunk's stamp as whole seconds (0: none yet).
+  int SkipNextFrame(char* key, int channel, int distance, DWORD base);
+  int SkipPrevFrame(char* key, int channel, int distance, DWORD base);
+  // Appends the two lines about a refused chunk to the defect log.
+  void FsNoExistData(_tagCHUNKHDR* header);
 
   // Timeline, for a playback object: the local days of a month that hold
   // recordings (days[d - 1] = 1), the 16 x 24 hour cells of a UTC day
@@ -132,6 +180,26 @@ class CMOLRA {
   // The two roads of ageing basket b against a cut-off date "yyyymmdd".
   int EraseOldest(DWORD basket, _tagFSBSKINFO* info);
   int CutOldest(DWORD basket, const std::string& cutOff, _tagFSBSKINFO* info);
+
+  // Playback. The basket of the ring that holds a minute (a shared
+  // minute: the older basket) or a second (the current basket first); -1.
+  LONG FindFirstBskDate(LONG year, LONG month, LONG day, LONG hour, LONG minute);
+  LONG FindFirstBskDateSec(LONG year, LONG month, LONG day, LONG hour, LONG minute,
+                           LONG second);
+  // How a chunk is read out: after a seek, a step or a skip.
+  enum class ReadKind { kSeek, kStep, kSkip };
+  LONG Seek(_tagCHUNKHDR* header, unsigned char* payload, bool toSecond);
+  LONG Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward);
+  LONG Skip(_tagCHUNKHDR* header, unsigned char* payload, int distance, bool forward);
+  int SkipFrame(const char* key, int channel, int distance, DWORD base, bool forward);
+  // One move of a step: the neighbouring node, in the open basket or at
+  // the entry of the next one (`entered`). FS_OK, or the end of the ring.
+  LONG MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered);
+  // Whether a seek has placed the reader on a node of the open basket.
+  bool Placed() const;
+  // Reads the chunk a reference names into the caller's buffers.
+  LONG ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
+               ReadKind kind, bool refuseEmpty);
 
   void CopyClock(const CMOLRA& other);
 
@@ -230,5 +298,6 @@ class CMOLRA {
   CTime m_tDstEndUtc;
   std::unique_ptr<CZoneClock> m_pClock;
   SYSTEMTIME m_stLastRead;
-  BYTE m_ChanHits[32];
+  // Key frames met per channel in the second of m_stLastRead.
+  signed char m_ChanHits[32];
 };

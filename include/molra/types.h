@@ -102,6 +102,9 @@ class CTime {
   // nDST 0 reads them as standard time, 1 as daylight time, -1 lets the
   // zone's rule decide.
   CTime(int year, int month, int day, int hour, int minute, int second, int nDST = -1);
+  // The fields of a SYSTEMTIME read the same way (milliseconds dropped).
+  explicit CTime(const SYSTEMTIME& st, int nDST = -1)
+      : CTime(st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute, st.wSecond, nDST) {}
 
   // Now, by the store's clock (molra::platform::SetClock, else the machine's).
   static CTime GetCurrentTime();
@@ -114,6 +117,8 @@ class CTime {
   int GetDay() const;
   int GetHour() const;
   int GetDayOfWeek() const;  // 1 Sunday to 7 Saturday
+  // The local reading written by a strftime format ("%Y-%m-%d %H:%M:%S").
+  CString Format(const char* format) const;
 
   CTime operator+(CTimeSpan span) const { return CTime(m_time + span.GetTotalSeconds()); }
   CTime operator-(CTimeSpan span) const { return CTime(m_time - span.GetTotalSeconds()); }

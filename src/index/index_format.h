@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 
 #include "molra/records.h"
 
@@ -10,6 +11,19 @@ namespace molra {
 constexpr DWORD kKeyLength = 20;      // "%04d%02d%02d%02d%02d%02d%04d%02d"
 constexpr DWORD kMinuteKeyLength = 12;
 constexpr DWORD kSecondKeyLength = 14;
+
+// The key text of a stamp. A field too wide for its digits makes the text
+// longer than 20 characters; only the first 20 are ever stored or compared.
+struct KeyText {
+  char text[64];
+};
+inline KeyText MakeKey(int year, int month, int day, int hour, int minute, int second,
+                       int milliseconds, int sequence) {
+  KeyText key;
+  std::snprintf(key.text, sizeof key.text, "%04d%02d%02d%02d%02d%02d%04d%02d", year, month, day,
+                hour, minute, second, milliseconds, sequence);
+  return key;
+}
 }  // namespace molra
 
 #pragma pack(push, 1)

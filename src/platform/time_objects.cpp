@@ -1,4 +1,6 @@
 // The platform's time object, in the store's zone.
+#include <ctime>
+
 #include "molra/types.h"
 #include "platform/clock.h"
 #include "platform/local_time.h"
@@ -39,3 +41,11 @@ int CTime::GetMonth() const { return Local(m_time).tm_mon + 1; }
 int CTime::GetDay() const { return Local(m_time).tm_mday; }
 int CTime::GetHour() const { return Local(m_time).tm_hour; }
 int CTime::GetDayOfWeek() const { return Local(m_time).tm_wday + 1; }
+
+CString CTime::Format(const char* format) const {
+  if (format == nullptr) return CString();
+  const std::tm local = Local(m_time);
+  char text[256];
+  const size_t length = std::strftime(text, sizeof text, format, &local);
+  return CString(std::string(text, length));
+}

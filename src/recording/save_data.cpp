@@ -51,10 +51,11 @@ LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int 
   const SYSTEMTIME stamp = chunk->stTime;
   const DWORD length = chunk->dwLength;
 
-  char key[64];
-  std::snprintf(key, sizeof key, "%04d%02d%02d%02d%02d%02d%04d%02d", stamp.wYear, stamp.wMonth,
-                stamp.wDay, stamp.wHour, stamp.wMinute, stamp.wSecond, stamp.wMilliseconds,
-                static_cast<int>(NextSequence(stamp.wMilliseconds)));
+  const molra::KeyText keyText =
+      molra::MakeKey(stamp.wYear, stamp.wMonth, stamp.wDay, stamp.wHour, stamp.wMinute,
+                     stamp.wSecond, stamp.wMilliseconds,
+                     static_cast<int>(NextSequence(stamp.wMilliseconds)));
+  const char* key = keyText.text;
 
   // The sum runs 26 bytes short of the chunk's true end, and a chunk too
   // big for the rest of the file wraps the difference and stays.

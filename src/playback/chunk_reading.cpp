@@ -1,0 +1,94 @@
+// Handing a chunk out to the caller: the one road by which recordings
+// leave the store, with the test that keeps a damaged record away from
+// the host, and the log of what it refused.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "disk/fs_file.h"
+#include "index/fs_index.h"
+#include "molra/molra.h"
+#include "platform/env.h"
+#include "playback/walk_limits.h"
+
+namespace {
+
+constexpr char kDefectLogPath[] = "c:\\FSDIR\\defected.dat";
+constexpr DWORD kDefectLogLimit = 10485760;  // 10 MiB: the log starts afresh
+
+// Limits a record must keep to be handed out. The upper limits themselves
+// pass: hour 24, minute and second 60.
+bool Plausible(const _tagCHUNKHDR& header) {
+  const SYSTEMTIME stamp = header.stTime;
+  return stamp.wMonth <= 12 && stamp.wDay <= 31 && stamp.wHour <= 24 && stamp.wMinute <= 60 &&
+         stamp.wSecond <= 60 && header.dwLength <= molra::kMaxChunkLength;
+}
+
+}  // namespace
+
+LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
+                     ReadKind kind, bool refuseEmpty) {
+  // Held for the whole read: a message step of the host may close the store.
+  const std::shared_ptr<CFsFile> data = m_pData;
+  _tagCHUNKHDR read;
+  if (!data || !data->ReadAt(ref.dwOffset, &read, sizeof read)) return FS_ERR_FILE;
+  std::memcpy(header, &read, sizeof read);
+  if (!Plausible(read) || (refuseEmpty && read.dwLength == 0)) {
+    FsNoExistData(header);
+    return FS_ERR_FILE;
+  }
+  if (kind == ReadKind::kSeek) {
+    std::memset(m_ChanHits, 0, sizeof m_ChanHits);
+    if (molra::CountsHits(ref.cChannel)) m_ChanHits[ref.cChannel] = 1;
+  }
+  if (kind != ReadKind::kSkip) m_stLastRead = read.stTime;
+
+  const DWORD length = read.dwLength;
+  // The payload lies right behind the header; an offset at the very top
+  // of the 32-bit range has no room for it.
+  const bool reachable = ref.dwOffset <= 0xFFFFFFFFu - sizeof read;
+  if (length != 0 &&
+      (payload == nullptr || !reachable ||
+       !data->ReadAt(ref.dwOffset + static_cast<DWORD>(sizeof read), payload, length))) {
+    return kind == ReadKind::kSeek ? FS_ERR_FILE : FS_ERR_PARAM;
+  }
+  OnReadingData(header);
+  return FS_OK;
+}
+
+void CMOLRA::FsNoExistData(_tagCHUNKHDR* header) {
+  if (header == nullptr) return;
+  molra::platform::Env* env = molra::platform::CurrentEnv();
+  std::uint64_t size = 0;
+  if (env->FileSize(kDefectLogPath, &size) && size >= kDefectLogLimit) {
+    env->RemoveFile(kDefectLogPath);
+  }
+  const CString now = CTime::GetCurrentTime().Format("%Y-%m-%d %H:%M:%S");
+  const _tagFSBSKINFO* basket = m_nOpenBasket >= 0 ? Basket(static_cast<DWORD>(m_nOpenBasket))
+                                                    : nullptr;
+  const SYSTEMTIME stamp = header->stTime;
+  const DWORD length = header->dwLength;
+  char lines[512];
+  std::snprintf(lines, sizeof lines,
+                "FsNoExistData Time = %s\nReadData():[%.64s]:[%d-%d, %d:%d:%d]:[%d]\n",
+                static_cast<const char*>(now), basket ? basket->szPath : "", stamp.wMonth,
+                stamp.wDay, stamp.wHour, stamp.wMinute, stamp.wSecond, static_cast<int>(length));
+  // Without the log directory the lines are lost; the read still fails.
+  env->AppendText(kDefectLogPath, lines);
+}
+
+bool CMOLRA::Placed() const {
+  // A freshly opened basket with nodes has no cursor until a seek.
+  return m_pIndex && (m_pIndex->Cursor() != 0 || m_pIndex->Header().dwEnd == 0);
+}
+
+LONG CMOLRA::ReadFirstData(_tagCHUNKHDR* /*header*/, unsigned char* /*payload*/,
+                           unsigned char /*bDaylight*/) {
+  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  return m_nMode == 1 ? FS_ERR_FILE : FS_ERR_MODE;
+}
+
+LONG CMOLRA::ReadLastData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
+  return ReadFirstData(header, payload, bDaylight);
+}

@@ -1,0 +1,101 @@
+// Stepping from the chunk the reader stands on to its neighbour in index
+// order, across the baskets of the ring.
+#include <memory>
+
+#include "index/fs_index.h"
+#include "molra/molra.h"
+#include "platform/settings.h"
+#include "playback/walk_limits.h"
+
+LONG CMOLRA::ReadNextData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
+  if (header == nullptr) return FS_ERR_PARAM;
+  ChangeLocalToSystemTime(header, bDaylight);
+  const LONG result = ReadNextDataEx(header, payload);
+  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
+  return result;
+}
+
+LONG CMOLRA::ReadPrevData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
+  if (header == nullptr) return FS_ERR_PARAM;
+  ChangeLocalToSystemTime(header, bDaylight);
+  const LONG result = ReadPrevDataEx(header, payload);
+  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
+  return result;
+}
+
+LONG CMOLRA::ReadNextDataEx(_tagCHUNKHDR* header, unsigned char* payload) {
+  return Step(header, payload, true);
+}
+
+LONG CMOLRA::ReadPrevDataEx(_tagCHUNKHDR* header, unsigned char* payload) {
+  return Step(header, payload, false);
+}
+
+LONG CMOLRA::MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered) {
+  *entered = false;
+  // Held across the move: a message step of the host may close the store.
+  std::shared_ptr<CFsIndex> index = m_pIndex;
+  if (!index) return FS_ERR_FILE;
+  if (forward ? index->Next(key, ref) : index->Prev(key, ref)) return FS_OK;
+
+  const LONG end = forward ? FS_END_OF_DATA : FS_BEGIN_OF_DATA;
+  // The seam of the ring: never from the newest basket into the oldest.
+  const DWORD last = forward ? m_FsHdr.dwCurrent : m_FsHdr.dwOldest;
+  if (m_nOpenBasket == static_cast<LONG>(last)) return end;
+  // A ring that a failed load left empty, or one that no longer holds the
+  // open basket, has no neighbour to go to.
+  const DWORD baskets = m_FsHdr.dwBaskets;
+  if (baskets == 0 || m_nOpenBasket < 0 || static_cast<DWORD>(m_nOpenBasket) >= baskets) {
+    return end;
+  }
+  const DWORD open = static_cast<DWORD>(m_nOpenBasket);
+  const DWORD neighbour = forward ? (open + 1) % baskets : (open == 0 ? baskets - 1 : open - 1);
+  m_nOpenBasket = static_cast<LONG>(neighbour);
+  if (OpenBsk(m_nOpenBasket) == FS_ERR_INDEX) return FS_ERR_INDEX;
+  index = m_pIndex;
+  if (!index) return FS_ERR_FILE;
+  *entered = true;
+  // A basket without a node ends the walk, whatever lies behind it.
+  if (!(forward ? index->First(key, ref) : index->Last(key, ref))) return end;
+  return FS_OK;
+}
+
+LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
+  if (m_lExit.load() != 0) return FS_ERR_INDEX;
+  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (m_nMode != 1) return FS_ERR_MODE;
+  if (header == nullptr) return FS_ERR_PARAM;
+  const signed char channel = header->chChannel;
+  if (channel < -1 || channel >= static_cast<signed char>(molra::kChannels)) return FS_ERR_INDEX;
+  // Until a seek has found a node there is nothing to step from.
+  if (!Placed()) return FS_ERR_FILE;
+
+  char key[molra::kKeyLength];
+  _tagIDXREF ref;
+  bool entered = false;
+  if (channel == -1) {
+    const LONG moved = MoveOne(forward, key, &ref, &entered);
+    if (moved != FS_OK) return moved;
+    return ReadOut(ref, header, payload, ReadKind::kStep, false);
+  }
+
+  if (m_lExit.load() != 0) return FS_ERR_FILE;
+  DWORD capacity = molra::NodeCapacity(*m_pIndex);
+  for (DWORD moves = 1;; ++moves) {
+    const LONG moved = MoveOne(forward, key, &ref, &entered);
+    if (moved != FS_OK) return moved;
+    if (ref.cChannel == channel) {
+      // A backward walk that finds its channel on entering a basket
+      // refuses an empty chunk there.
+      return ReadOut(ref, header, payload, ReadKind::kStep, !forward && entered);
+    }
+    molra::platform::MessageStep();
+    if (m_lExit.load() != 0) return FS_ERR_FILE;
+    if (entered) {
+      moves = 0;
+      if (m_pIndex) capacity = molra::NodeCapacity(*m_pIndex);
+    }
+    // More moves in one basket than its index holds nodes: a damaged tree.
+    if (moves > capacity) return FS_ERR_FILE;
+  }
+}
