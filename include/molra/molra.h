@@ -53,10 +53,12 @@ class CMOLRA {
   // hour or minute is out of range, or no payload) with nothing touched.
   LONG SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int unused);
 
-  // Playback, for an object opened with OpenFS(1). A seek finds the chunk
-  // recorded at a minute (second 0, any second of it) or at a second, for
-  // one channel or any (chChannel -1), never the nearest one; it reloads
-  // nothing, but reads the basket's index afresh. The chunk's 30-byte
+  // Playback, for an object opened with OpenFS(1). A seek finds the first
+  // chunk recorded at a minute (second 0: any second of it) or at a second,
+  // never a nearest one when none was recorded then; asked for one channel
+  // (chChannel 0 to 15, -1 any), it walks on from there to that channel's
+  // next chunk, which may lie later. It reloads nothing (the ring is as
+  // last loaded) but reads the basket's index afresh. The chunk's 30-byte
   // header replaces the caller's, its payload goes to `payload` (room for
   // 811,008 bytes), and the reader then stands on it. ReadData speaks
   // local time (bDaylight: daylight time may apply), the Ex forms UTC.

@@ -31,9 +31,10 @@ LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char*
                      ReadKind kind, bool refuseEmpty) {
   // Held for the whole read: a message step of the host may close the store.
   const std::shared_ptr<CFsFile> data = m_pData;
+  // What a short read brings stays in the caller's header, as any read.
+  if (!data || !data->ReadAt(ref.dwOffset, header, sizeof *header)) return FS_ERR_FILE;
   _tagCHUNKHDR read;
-  if (!data || !data->ReadAt(ref.dwOffset, &read, sizeof read)) return FS_ERR_FILE;
-  std::memcpy(header, &read, sizeof read);
+  std::memcpy(&read, header, sizeof read);
   if (!Plausible(read) || (refuseEmpty && read.dwLength == 0)) {
     FsNoExistData(header);
     return FS_ERR_FILE;

@@ -109,10 +109,12 @@ LONG CMOLRA::Skip(_tagCHUNKHDR* header, unsigned char* payload, int distance, bo
   char key[molra::kKeyLength + 1] = {};
   _tagIDXREF ref;
   bool entered = false;
-  for (int moves = 1;; ++moves) {
+  for (int moves = 0;; ++moves) {
+    // The bound stops short of the next node, so that the next call judges
+    // it: a key frame is never passed over unseen.
+    if (moves == molra::kMaxSkipMoves) return FS_ERR_FILE;
     const LONG moved = MoveOne(forward, key, &ref, &entered);
     if (moved != FS_OK) return moved;
-    if (moves > molra::kMaxSkipMoves) return FS_ERR_FILE;
     if ((ref.dwInfo & kKeyFrame) == 0) continue;
     if (!SkipFrame(key, ref.cChannel, distance, base, forward)) continue;
     return ReadOut(ref, header, payload, ReadKind::kSkip, false);

@@ -1,7 +1,7 @@
 // The demo host: makes a store on two drives below ./molra-drives (the
 // library's default drive roots), records two minutes of a synthetic
-// 16-channel stream into it, and prints the zone it reads and the
-// catalogue with each basket's span in local time.
+// 16-channel stream into it, plays a little of it back, and prints the
+// zone it reads and the catalogue with each basket's span in local time.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -110,7 +110,8 @@ SYSTEMTIME After(const SYSTEMTIME& start, long ms) {
                     static_cast<WORD>(utc.tm_sec), static_cast<WORD>(ms % 1000)};
 }
 
-bool Record(DemoRecorder& store) {
+// `first` receives the stamp (UTC) of the run's first frame.
+bool Record(DemoRecorder& store, SYSTEMTIME* first) {
   if (store.OpenFS(0) != FS_OK) {
     std::printf("OpenFS(0) failed\n");
     return false;
@@ -128,6 +129,7 @@ bool Record(DemoRecorder& store) {
       start.wMilliseconds = 0;
     }
   }
+  *first = start;
   std::vector<BYTE> payload(20000);
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<BYTE>(i);
   long saved = 0, keyFrames = 0, events = 0, rollovers = 0, marks = 0;
@@ -178,6 +180,90 @@ bool Record(DemoRecorder& store) {
               saved, bytes / 1e6, kChannels, keyFrames, events, rollovers, marks);
   store.CloseFS();
   return true;
+}
+
+const char* ResultName(LONG result) {
+  static const char* const kNames[] = {"FS_OK",         "FS_ERR_CATALOG", "FS_ERR_PARAM",
+                                       "FS_ERR_CREATE", "FS_ERR_CANCEL",  "FS_ERR_MEMORY",
+                                       "FS_ERR_FILE",   "FS_ERR_INDEX",   "FS_ERR_MODE",
+                                       "FS_END_OF_DATA", "FS_BEGIN_OF_DATA"};
+  return result >= FS_OK && result <= FS_BEGIN_OF_DATA ? kNames[result] : "unknown result";
+}
+
+// One line of playback: how the chunk was reached, then the chunk, or the
+// result when the call failed.
+void PrintChunk(const char* how, LONG result, const _tagCHUNKHDR& header) {
+  if (result != FS_OK) {
+    std::printf("  %-6s %s\n", how, ResultName(result));
+    return;
+  }
+  const SYSTEMTIME t = header.stTime;
+  std::printf("  %-6s channel %2d  %04u-%02u-%02u %02u:%02u:%02u.%03u  %6u bytes%s\n", how,
+              header.chChannel, t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond,
+              t.wMilliseconds, static_cast<unsigned>(header.dwLength),
+              (header.dwInfo & kKeyFrame) != 0 ? "  key" : "");
+}
+
+// What a player does with the run just recorded, in local time: a seek
+// to its first minute, a few steps along channel 0, then a skip through
+// the key frames 10 seconds apart.
+void Play(const SYSTEMTIME& firstUtc) {
+  CMOLRA player;
+  const LONG opened = player.OpenFS(1);
+  if (opened != FS_OK) {
+    std::printf("playback: OpenFS(1) failed with %s\n", ResultName(opened));
+    return;
+  }
+  SYSTEMTIME first = firstUtc;
+  player.ChangeSystemToLocalTime(first, 1);
+  std::printf("playback from %04u-%02u-%02u %02u:%02u:%02u local\n", first.wYear, first.wMonth,
+              first.wDay, first.wHour, first.wMinute, first.wSecond);
+  std::vector<unsigned char> payload(molra::kMaxChunkLength);
+  _tagCHUNKHDR header{};
+  header.stTime = first;
+  header.stTime.wSecond = 0;
+  header.stTime.wMilliseconds = 0;
+  header.chChannel = 0;
+  LONG result = player.ReadData(&header, payload.data(), 1);
+  PrintChunk("minute", result, header);
+  // A run that starts inside a minute an earlier run ends in shares it,
+  // and the minute plays from its start: the run's own first second then.
+  if (result == FS_OK && header.stTime.wSecond < first.wSecond) {
+    header = _tagCHUNKHDR{};
+    header.stTime = first;
+    header.stTime.wMilliseconds = 0;
+    header.chChannel = 0;
+    result = player.ReadData(&header, payload.data(), 1);
+    PrintChunk("second", result, header);
+  }
+  if (result != FS_OK) return;
+  // Each step hands back a whole header; the channel is asked afresh.
+  for (int step = 0; step < 8; ++step) {
+    header.chChannel = 0;
+    result = player.ReadNextData(&header, payload.data(), 1);
+    PrintChunk("next", result, header);
+    if (result != FS_OK) return;
+  }
+  // A skip hands out each channel's key frame of a second in turn: the
+  // first of each second is shown, the rest only counted.
+  int seconds = 0, more = 0;
+  WORD shown = 60;
+  for (int skip = 0; skip < 4 * kChannels && seconds < 4; ++skip) {
+    header.chChannel = -1;
+    result = player.ReadNextData2(&header, payload.data(), 10, 1);
+    if (result == FS_OK && header.stTime.wSecond == shown) {
+      ++more;
+      continue;
+    }
+    if (more > 0) std::printf("  %-6s and %d more key frames of that second\n", "", more);
+    more = 0;
+    PrintChunk("skip", result, header);
+    if (result != FS_OK) return;
+    shown = header.stTime.wSecond;
+    ++seconds;
+  }
+  if (more > 0) std::printf("  %-6s and %d more key frames of that second\n", "", more);
+  player.CloseFS();
 }
 
 void PrintGrid(const char* title, const DWORD* cells) {
@@ -295,8 +381,10 @@ int main(int argc, char** argv) {
   }
   PrintZone(store);
   std::printf("recording %d s of %d channels at %d frames a second\n", kSeconds, kChannels, kFps);
-  if (!Record(store)) return 1;
+  SYSTEMTIME first{};
+  if (!Record(store, &first)) return 1;
   store.CallLoadFSinfo();
+  Play(first);
   PrintTimeline();
   PrintDayFile(store);
   PrintBaskets(store);

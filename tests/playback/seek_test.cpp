@@ -1,0 +1,137 @@
+// Seeking a minute or a second: exact times only, the basket a shared
+// minute or second is played from, channel walks, damaged chunks.
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "playback/playback_fixture.h"
+
+namespace molra_test {
+namespace {
+
+using SeekTest = PlaybackTest;
+
+TEST_F(SeekTest, FindsExactMinutesAndSecondsOnly) {
+  ASSERT_NO_FATAL_FAILURE(Make(1));
+  Save(1, At(10, 5, 7, 100));
+  Save(3, At(10, 5, 9));
+  Save(1, At(10, 6, 0));
+  Save(1, At(10, 7, 30));
+  Save(3, At(0, 0, 10, 0, 19));
+  Play();
+
+  EXPECT_EQ(Seek(-1, At(10, 5, 0), false), "c1 10:05:07");  // the minute's earliest, its true second
+  EXPECT_EQ(player.readings, 1);
+  const SYSTEMTIME last = player.m_stLastRead;
+  EXPECT_EQ(last.wMilliseconds, 100);
+  EXPECT_EQ(Seek(-1, At(10, 5, 9), true), "c3 10:05:09");
+  EXPECT_EQ(player.m_ChanHits[3], 1);
+  EXPECT_EQ(player.m_ChanHits[1], 0);
+  // Between recordings: no nearest chunk is offered.
+  EXPECT_EQ(Seek(-1, At(10, 5, 8), true), "#6");
+  EXPECT_EQ(Seek(-1, At(10, 8, 0), false), "#6");
+  // A channel is walked to, also past the end of the day asked.
+  EXPECT_EQ(Seek(3, At(10, 5, 0), false), "c3 10:05:09");
+  EXPECT_EQ(Seek(3, At(10, 6, 0), false), "c3 00:00:10");
+  EXPECT_EQ(Seek(7, At(10, 5, 0), false), "#6");
+
+  // Local time: second 0 asks for the minute, any other for the second.
+  _tagCHUNKHDR h{};
+  h.stTime = At(10, 5, 0);
+  h.chChannel = -1;
+  ASSERT_EQ(player.ReadData(&h, payload.data(), 1), FS_OK);
+  EXPECT_EQ(h.stTime.wSecond, 7);
+  h.stTime = At(10, 7, 30);
+  ASSERT_EQ(player.ReadData(&h, payload.data(), 1), FS_OK);
+  EXPECT_EQ(h.chChannel, 1);
+}
+
+TEST_F(SeekTest, SharedMinuteIsPlayedFromTheOlderBasketSharedSecondFromTheCurrent) {
+  ASSERT_NO_FATAL_FAILURE(Make(2));
+  Save(0, At(10, 5, 10));
+  Save(0, At(10, 5, 20, 100));
+  NextBasket();
+  Save(0, At(10, 5, 20, 500));
+  Save(5, At(10, 5, 40));
+  Play();
+  ASSERT_EQ(player.m_FsHdr.dwCurrent, 1u);
+
+  EXPECT_EQ(Seek(-1, At(10, 5, 0), false), "c0 10:05:10");
+  EXPECT_EQ(player.m_nOpenBasket, 0);
+  EXPECT_EQ(Seek(-1, At(10, 5, 20), true), "c0 10:05:20");
+  EXPECT_EQ(player.m_stLastRead.wMilliseconds, 500);
+  EXPECT_EQ(player.m_nOpenBasket, 1);
+  // A channel walk goes on into a basket that holds the minute it ended on.
+  EXPECT_EQ(Seek(5, At(10, 5, 0), false), "c5 10:05:40");
+  // Both baskets hold the minute: the walk ends after one round.
+  EXPECT_EQ(Seek(7, At(10, 5, 0), false), "#6");
+}
+
+TEST_F(SeekTest, DamagedChunksAreRefusedAndLogged) {
+  ASSERT_NO_FATAL_FAILURE(Make(1));
+  for (WORD s = 1; s <= 6; ++s) Save(0, At(10, 0, s));
+  Damage(0, 0, [](_tagCHUNKHDR& h) { h.stTime.wHour = 24; });
+  Damage(0, 1, [](_tagCHUNKHDR& h) { h.stTime.wMinute = 60; });
+  Damage(0, 2, [](_tagCHUNKHDR& h) { h.stTime.wHour = 25; });
+  Damage(0, 3, [](_tagCHUNKHDR& h) { h.dwLength = 811009; });
+  Damage(0, 4, [](_tagCHUNKHDR& h) { h.stTime.wMonth = 13; });
+  Damage(0, 5, [](_tagCHUNKHDR& h) { h.dwLength = 811008; });
+  Play();
+
+  EXPECT_EQ(Seek(-1, At(10, 0, 1), true), "c0 24:00:01");
+  EXPECT_EQ(Seek(-1, At(10, 0, 2), true), "c0 10:60:02");
+  EXPECT_EQ(Seek(-1, At(10, 0, 3), true), "#6");
+  const std::string pair =
+      "FsNoExistData Time = 2010-11-18 09:30:15\n"
+      "ReadData():[D:\\MOLRA\\FS000000]:[11-18, 25:0:3]:[8]\n";
+  EXPECT_EQ(DefectLog(), pair);
+  EXPECT_EQ(player.readings, 2);
+  EXPECT_EQ(Seek(-1, At(10, 0, 4), true), "#6");
+  EXPECT_EQ(Seek(-1, At(10, 0, 5), true), "#6");
+  EXPECT_EQ(Step(-1), "c0 10:00:06");  // the step goes on behind the refused chunk
+  const std::string log = DefectLog();
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 6);
+  EXPECT_NE(log.find("[11-18, 10:0:4]:[811009]\n"), std::string::npos);
+
+  // The log starts afresh once it has reached 10 MiB.
+  for (const long long size : {10485759LL, 10485760LL}) {
+    std::filesystem::resize_file(Real('c', "FSDIR/defected.dat"), static_cast<uintmax_t>(size));
+    EXPECT_EQ(Seek(-1, At(10, 0, 3), true), "#6");
+    EXPECT_EQ(FileSize(Real('c', "FSDIR/defected.dat")),
+              static_cast<long long>(pair.size()) + (size == 10485760 ? 0 : size));
+  }
+}
+
+TEST_F(SeekTest, RefusalsCancelsAndAnUnreadablePayload) {
+  _tagCHUNKHDR h{};
+  EXPECT_EQ(player.ReadDataEx(&h, payload.data()), FS_ERR_FILE);  // never opened
+  ASSERT_NO_FATAL_FAILURE(Make(1));
+  Save(0, At(10, 0, 1));
+  Save(0, At(10, 0, 2));
+  EXPECT_EQ(recorder.ReadDataEx(&h, payload.data()), FS_ERR_MODE);
+  EXPECT_EQ(recorder.ReadFirstData(&h, payload.data(), 0), FS_ERR_MODE);
+  Play();
+  h.chChannel = 9;
+  payload[0] = 0x5A;
+  EXPECT_EQ(player.ReadFirstData(&h, payload.data(), 0), FS_ERR_FILE);
+  EXPECT_EQ(player.ReadLastData(&h, payload.data(), 0), FS_ERR_FILE);
+  EXPECT_EQ(h.chChannel, 9);
+  EXPECT_EQ(payload[0], 0x5A);
+
+  player.SetExit(1);
+  EXPECT_EQ(Seek(-1, At(10, 0, 1), false), "#6");
+  EXPECT_EQ(Seek(-1, At(10, 0, 1), true), "#7");  // only the basket's opening looks
+  player.SetExit(0);
+
+  // The second chunk's payload lies beyond the end of its file.
+  std::filesystem::resize_file(DataPath(0), Offset(0, 1) + sizeof(_tagCHUNKHDR) + 4);
+  EXPECT_EQ(Seek(-1, At(10, 0, 2), true), "#6");
+  EXPECT_EQ(player.m_stLastRead.wSecond, 2);
+  EXPECT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
+  EXPECT_EQ(Step(-1), "#2");
+  EXPECT_EQ(player.readings, 1);
+  EXPECT_EQ(DefectLog(), "");
+}
+
+}  // namespace
+}  // namespace molra_test

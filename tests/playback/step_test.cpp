@@ -1,0 +1,146 @@
+// Stepping through the ring: its seam and its ends, one-channel walks,
+// empty and unreadable chunks, and a recorder in another process.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "molra/platform.h"
+#include "playback/playback_fixture.h"
+
+namespace molra_test {
+namespace {
+
+class StepTest : public PlaybackTest {
+ protected:
+  // Baskets 1, 2 and 0 in ring order: basket 0 has been taken over again.
+  void MakeWrappedRing() {
+    ASSERT_NO_FATAL_FAILURE(Make(3));
+    Save(0, At(9, 0, 0));
+    for (WORD s = 1; s <= 6; s += 2) {
+      NextBasket();
+      Save(0, At(10, 0, s));
+      Save(1, At(10, 0, s + 1));
+    }
+    Play();
+    ASSERT_EQ(player.m_FsHdr.dwCurrent, 0u);
+    ASSERT_EQ(player.m_FsHdr.dwOldest, 1u);
+  }
+};
+
+TEST_F(StepTest, StepsCrossBasketsAndStopAtTheEndsOfTheRing) {
+  ASSERT_NO_FATAL_FAILURE(MakeWrappedRing());
+  EXPECT_EQ(Step(-1), "#6");  // nothing to step from before a seek
+
+  ASSERT_EQ(Seek(-1, At(10, 0, 3), true), "c0 10:00:03");
+  for (const char* expected : {"c1 10:00:04", "c0 10:00:05", "c1 10:00:06", "#9", "#9"}) {
+    EXPECT_EQ(Step(-1), expected);
+  }
+  for (const char* expected : {"c0 10:00:05", "c1 10:00:04", "c0 10:00:03", "c1 10:00:02",
+                               "c0 10:00:01", "#10", "#10"}) {
+    EXPECT_EQ(Step(-1, false), expected);
+  }
+  EXPECT_EQ(Step(-1), "c1 10:00:02");
+  EXPECT_EQ(player.m_stLastRead.wSecond, 2);
+
+  ASSERT_EQ(Seek(-1, At(10, 0, 4), true), "c1 10:00:04");
+  EXPECT_EQ(Step(-1, false), "c0 10:00:03");  // no chunk comes twice
+  EXPECT_EQ(Step(16), "#7");
+  EXPECT_EQ(Step(-2), "#7");
+  player.SetExit(1);
+  EXPECT_EQ(Step(-1), "#7");
+  player.SetExit(0);
+}
+
+TEST_F(StepTest, OneChannelWalksTakeAMessageAfterEachNode) {
+  ASSERT_NO_FATAL_FAILURE(MakeWrappedRing());
+  int messages = 0;
+  molra::platform::SetMessageHook([&] { ++messages; });
+  ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
+  EXPECT_EQ(Step(1), "c1 10:00:02");
+  EXPECT_EQ(Step(1), "c1 10:00:04");
+  EXPECT_EQ(Step(0, false), "c0 10:00:03");
+  EXPECT_EQ(Step(0, false), "c0 10:00:01");
+  EXPECT_EQ(messages, 2);
+  EXPECT_EQ(Step(5), "#9");
+  EXPECT_EQ(messages, 2 + 5);
+  // A cancel from a message step ends the walk where it stands.
+  ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
+  molra::platform::SetMessageHook([&] { player.SetExit(1); });
+  EXPECT_EQ(Step(5), "#6");
+  player.SetExit(0);
+  molra::platform::SetMessageHook(nullptr);
+  EXPECT_EQ(Step(-1), "c0 10:00:03");
+}
+
+TEST_F(StepTest, EmptyChunksPassButOnABackwardEntryAndUnreadablePayloadsFail) {
+  ASSERT_NO_FATAL_FAILURE(Make(2));
+  Save(2, At(10, 0, 1), false, 0);
+  NextBasket();
+  Save(2, At(10, 0, 2));
+  Save(0, At(10, 0, 3));
+  Play();
+  ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c2 10:00:01");
+  EXPECT_EQ(Step(2), "c2 10:00:02");
+  EXPECT_EQ(Step(2, false), "#6");
+  EXPECT_NE(DefectLog().find("[11-18, 10:0:1]:[0]"), std::string::npos);
+  ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c2 10:00:02");
+  EXPECT_EQ(Step(-1, false), "c2 10:00:01");
+
+  std::filesystem::resize_file(DataPath(1), Offset(1, 1) + sizeof(_tagCHUNKHDR) + 4);
+  ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c2 10:00:02");
+  EXPECT_EQ(Step(-1), "#2");
+  EXPECT_EQ(player.m_stLastRead.wSecond, 3);
+}
+
+// Runs `work` with a recorder of its own in a child process.
+bool InAnotherProcess(void (*work)(Player&)) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    int status = 1;
+    {
+      Player recorder;
+      if (recorder.OpenFS(0) == FS_OK) {
+        work(recorder);
+        status = 0;
+      }
+    }
+    ::_exit(status);
+  }
+  int status = -1;
+  return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
+}
+
+void SaveAt(Player& recorder, int channel, WORD second, WORD ms) {
+  _tagCHUNKHDR chunk{1, At(10, 0, second, ms), {}, static_cast<signed char>(channel), 0, 1};
+  BYTE payload = static_cast<BYTE>(channel * 60 + second);
+  DWORD remaining = 0;
+  recorder.SaveData(&chunk, &payload, &remaining, 0);
+}
+
+TEST_F(StepTest, AReaderSeesARecorderInAnotherProcessAfterASeekOrAReload) {
+  ASSERT_NO_FATAL_FAILURE(Make(2));
+  Save(0, At(10, 0, 1), false, 1);
+  Save(0, At(10, 0, 2), false, 1);
+  recorder.CloseFS();
+  Play();
+  ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c0 10:00:02");
+
+  ASSERT_TRUE(InAnotherProcess([](Player& r) { SaveAt(r, 1, 2, 500); }));
+  EXPECT_EQ(Step(-1), "#9");  // the basket's index as it stood when opened
+  EXPECT_EQ(Seek(1, At(10, 0, 2), true), "c1 10:00:02");  // a seek reads it afresh
+
+  ASSERT_TRUE(InAnotherProcess([](Player& r) {
+    r.Basket(r.GetFSInfo()->dwCurrent)->dwChunks = 70001;
+    SaveAt(r, 0, 4, 0);
+  }));
+  EXPECT_EQ(Seek(-1, At(10, 0, 4), true), "#6");
+  EXPECT_EQ(Step(-1), "#9");  // the ring as last loaded
+  ASSERT_EQ(Seek(1, At(10, 0, 2), true), "c1 10:00:02");
+  player.CallLoadFSinfo();
+  EXPECT_EQ(Step(-1), "c0 10:00:04");
+}
+
+}  // namespace
+}  // namespace molra_test
