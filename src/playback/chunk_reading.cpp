@@ -43,7 +43,7 @@ LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char*
     std::memset(m_ChanHits, 0, sizeof m_ChanHits);
     if (molra::CountsHits(ref.cChannel)) m_ChanHits[ref.cChannel] = 1;
   }
-  if (kind != ReadKind::kSkip) m_stLastRead = read.stTime;
+  if (kind != ReadKind::kSkip) std::memcpy(&m_stLastRead, &header->stTime, sizeof m_stLastRead);
 
   const DWORD length = read.dwLength;
   // The payload lies right behind the header; an offset at the very top

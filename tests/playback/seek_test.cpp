@@ -40,7 +40,7 @@ TEST_F(SeekTest, FindsExactMinutesAndSecondsOnly) {
   h.stTime = At(10, 5, 0);
   h.chChannel = -1;
   ASSERT_EQ(player.ReadData(&h, payload.data(), 1), FS_OK);
-  EXPECT_EQ(h.stTime.wSecond, 7);
+  EXPECT_EQ(+h.stTime.wSecond, 7);
   h.stTime = At(10, 7, 30);
   ASSERT_EQ(player.ReadData(&h, payload.data(), 1), FS_OK);
   EXPECT_EQ(h.chChannel, 1);
