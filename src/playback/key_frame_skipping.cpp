@@ -5,6 +5,7 @@
 
 #include "index/fs_index.h"
 #include "molra/molra.h"
+#include "playback/local_reads.h"
 #include "playback/walk_limits.h"
 
 namespace {
@@ -45,20 +46,14 @@ DWORD Seconds(const SYSTEMTIME& stamp) {
 
 LONG CMOLRA::ReadNextData2(_tagCHUNKHDR* header, unsigned char* payload, int distance,
                            unsigned char bDaylight) {
-  if (header == nullptr) return FS_ERR_PARAM;
-  ChangeLocalToSystemTime(header, bDaylight);
-  const LONG result = ReadNextDataEx2(header, payload, distance);
-  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
-  return result;
+  return molra::ReadInLocalTime(*this, header, bDaylight,
+                                [&] { return ReadNextDataEx2(header, payload, distance); });
 }
 
 LONG CMOLRA::ReadPrevData2(_tagCHUNKHDR* header, unsigned char* payload, int distance,
                            unsigned char bDaylight) {
-  if (header == nullptr) return FS_ERR_PARAM;
-  ChangeLocalToSystemTime(header, bDaylight);
-  const LONG result = ReadPrevDataEx2(header, payload, distance);
-  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
-  return result;
+  return molra::ReadInLocalTime(*this, header, bDaylight,
+                                [&] { return ReadPrevDataEx2(header, payload, distance); });
 }
 
 LONG CMOLRA::ReadNextDataEx2(_tagCHUNKHDR* header, unsigned char* payload, int distance) {

@@ -5,6 +5,7 @@
 
 #include "index/fs_index.h"
 #include "molra/molra.h"
+#include "playback/local_reads.h"
 #include "playback/walk_limits.h"
 
 namespace {
@@ -52,13 +53,11 @@ LONG CMOLRA::FindFirstBskDateSec(LONG year, LONG month, LONG day, LONG hour, LON
 }
 
 LONG CMOLRA::ReadData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
-  if (header == nullptr) return FS_ERR_PARAM;
-  ChangeLocalToSystemTime(header, bDaylight);
-  // Second 0 asks for the minute: any second of it may answer.
-  const LONG result = header->stTime.wSecond != 0 ? ReadDataEx2(header, payload)
-                                                  : ReadDataEx(header, payload);
-  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
-  return result;
+  return molra::ReadInLocalTime(*this, header, bDaylight, [&] {
+    // Second 0 asks for the minute: any second of it may answer.
+    return header->stTime.wSecond != 0 ? ReadDataEx2(header, payload)
+                                       : ReadDataEx(header, payload);
+  });
 }
 
 LONG CMOLRA::ReadDataEx(_tagCHUNKHDR* header, unsigned char* payload) {

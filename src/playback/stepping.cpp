@@ -5,22 +5,17 @@
 #include "index/fs_index.h"
 #include "molra/molra.h"
 #include "platform/settings.h"
+#include "playback/local_reads.h"
 #include "playback/walk_limits.h"
 
 LONG CMOLRA::ReadNextData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
-  if (header == nullptr) return FS_ERR_PARAM;
-  ChangeLocalToSystemTime(header, bDaylight);
-  const LONG result = ReadNextDataEx(header, payload);
-  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
-  return result;
+  return molra::ReadInLocalTime(*this, header, bDaylight,
+                                [&] { return ReadNextDataEx(header, payload); });
 }
 
 LONG CMOLRA::ReadPrevData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
-  if (header == nullptr) return FS_ERR_PARAM;
-  ChangeLocalToSystemTime(header, bDaylight);
-  const LONG result = ReadPrevDataEx(header, payload);
-  if (result == FS_OK) ChangeSystemToLocalTime(header, bDaylight);
-  return result;
+  return molra::ReadInLocalTime(*this, header, bDaylight,
+                                [&] { return ReadPrevDataEx(header, payload); });
 }
 
 LONG CMOLRA::ReadNextDataEx(_tagCHUNKHDR* header, unsigned char* payload) {
