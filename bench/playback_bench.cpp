@@ -5,8 +5,8 @@
 // end of the full basket, forward steps through that basket for any channel
 // and for one, and key-frame skips over the whole recording, beside plain
 // reads of the same bytes from the basket's data file. Everything runs with
-// the page cache warm; then a seek, the step walk and the plain pass run
-// again after the files' cached pages were dropped.
+// the page cache warm; then the seeks, the step walk and the plain pass run
+// again after the store's cached pages were dropped.
 //
 //   molra-bench-playback [directory for the store, default $TMPDIR or /tmp]
 #include <fcntl.h>
@@ -28,9 +28,9 @@
 namespace {
 
 constexpr int kChannels = 16;
-constexpr int kFps = 4;         // frames a second of one channel
-constexpr int kGop = 30;        // frames from one key frame of a channel to the next
-constexpr int kFrames = 8000;   // about 1.6 baskets
+constexpr int kFps = 4;        // frames a second of one channel
+constexpr int kGop = 30;       // frames from one key frame of a channel to the next
+constexpr int kFrames = 8000;  // about 1.6 baskets
 constexpr int kSeekRuns = 15;
 constexpr signed char kWalkChannel = 5;
 constexpr DWORD kKeyFrame = 0x10000;
@@ -60,14 +60,16 @@ Span Time(F&& work) {
           CpuSeconds() - cpu};
 }
 
-double MedianMs(std::vector<double> seconds) {
-  std::sort(seconds.begin(), seconds.end());
-  return seconds[seconds.size() / 2] * 1e3;
+void Row(const char* name, long items, double bytes, const Span& s, const char* note = "") {
+  std::printf("%-36s %7ld %10.0f %8.1f %9.2f  %s\n", name, items, items / s.wall,
+              bytes / 1e6 / s.wall, s.cpu * 1e6 / static_cast<double>(items), note);
 }
 
 // Records the stream in order. Each channel's encoder keeps its own beat,
 // so key frames of different channels fall half a second apart.
-void Record(const std::vector<BYTE>& payload) {
+void Record() {
+  std::vector<BYTE> payload(120000);
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<BYTE>(i * 7);
   CMOLRA store;
   _tagBSKLOC drive{3, 3};
   LONG result = store.CreateFS(&drive, 1);
@@ -88,8 +90,9 @@ void Record(const std::vector<BYTE>& payload) {
     h.dwInfo = key ? kKeyFrame : 0;
     h.dwLength = (key ? 100000 : 10000) + (noise >> 16) % (key ? 8000 : 2000);
     DWORD remaining = 0;
-    result = store.SaveData(&h, const_cast<BYTE*>(payload.data()), &remaining, 0);
-    if (result != FS_OK) Fail("SaveData", result);
+    if ((result = store.SaveData(&h, payload.data(), &remaining, 0)) != FS_OK) {
+      Fail("SaveData", result);
+    }
   }
   store.CloseFS();
 }
@@ -100,34 +103,22 @@ struct Chunk {
   _tagCHUNKHDR header;
 };
 
-// The chunks of a data file, from its head's write position.
-std::vector<Chunk> ScanChunks(const std::string& path, DWORD* end) {
-  const int fd = ::open(path.c_str(), O_RDONLY);
-  _tagDATAHDR head{};
-  if (fd < 0 || ::pread(fd, &head, sizeof head, 0) != static_cast<ssize_t>(sizeof head)) {
-    Fail("reading the data file head", 0);
-  }
-  std::vector<Chunk> chunks;
-  for (DWORD at = sizeof head; at < head.dwWritePos;) {
-    Chunk c{at, {}};
-    if (::pread(fd, &c.header, sizeof c.header, at) != static_cast<ssize_t>(sizeof c.header)) break;
-    chunks.push_back(c);
-    at += static_cast<DWORD>(sizeof c.header) + c.header.dwLength;
-  }
-  ::close(fd);
-  *end = head.dwWritePos;
-  return chunks;
+bool SameChunk(const _tagCHUNKHDR& a, const _tagCHUNKHDR& b) {
+  return std::memcmp(&a.stTime, &b.stTime, sizeof a.stTime) == 0 && a.chChannel == b.chChannel;
 }
 
-// Plain reads of chunks by their offsets: header, then payload.
-double PlainChunks(const std::string& path, const std::vector<const Chunk*>& chunks,
-                   unsigned char* payload) {
+// Plain reads, header then payload, of the chunks of [from, to) on a
+// channel (-1: all).
+double PlainChunks(const std::string& path, const Chunk* from, const Chunk* to,
+                   signed char channel, unsigned char* payload) {
   const int fd = ::open(path.c_str(), O_RDONLY);
   double bytes = 0;
   _tagCHUNKHDR h;
-  for (const Chunk* c : chunks) {
+  for (const Chunk* c = from; c != to; ++c) {
+    if (channel != -1 && c->header.chChannel != channel) continue;
     if (::pread(fd, &h, sizeof h, c->offset) != static_cast<ssize_t>(sizeof h) ||
-        ::pread(fd, payload, h.dwLength, c->offset + sizeof h) != static_cast<ssize_t>(h.dwLength)) {
+        ::pread(fd, payload, h.dwLength, c->offset + sizeof h) !=
+            static_cast<ssize_t>(h.dwLength)) {
       Fail("plain chunk read", 0);
     }
     bytes += sizeof h + h.dwLength;
@@ -136,22 +127,7 @@ double PlainChunks(const std::string& path, const std::vector<const Chunk*>& chu
   return bytes;
 }
 
-// One pass of 1 MiB reads over [begin, end) of a file; `buffer` holds 1 MiB.
-double PlainPass(const std::string& path, DWORD begin, DWORD end, unsigned char* buffer) {
-  const int fd = ::open(path.c_str(), O_RDONLY);
-  double bytes = 0;
-  ::lseek(fd, begin, SEEK_SET);
-  for (DWORD left = end - begin; left > 0;) {
-    const ssize_t got = ::read(fd, buffer, std::min<DWORD>(left, 1 << 20));
-    if (got <= 0) Fail("plain pass", 0);
-    left -= static_cast<DWORD>(got);
-    bytes += static_cast<double>(got);
-  }
-  ::close(fd);
-  return bytes;
-}
-
-// Writes back and drops the cached pages of every file of the store's drive.
+// Writes back and drops the cached pages of every file in `dir`.
 void DropCache(const std::string& dir) {
   for (const auto& entry : std::filesystem::directory_iterator(dir)) {
     const int fd = ::open(entry.path().c_str(), O_RDONLY);
@@ -166,209 +142,239 @@ void DropCache(const std::string& dir) {
 double Resident(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY);
   const size_t size = static_cast<size_t>(::lseek(fd, 0, SEEK_END));
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
-  if (map == MAP_FAILED) return -1;
-  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
   std::vector<unsigned char> in((size + page - 1) / page);
-  ::mincore(map, size, in.data());
+  if (map == MAP_FAILED || ::mincore(map, size, in.data()) != 0) return -1;
   ::munmap(map, size);
   return 100.0 * static_cast<double>(std::count_if(in.begin(), in.end(), [](unsigned char b) {
-           return (b & 1) != 0;
+           return b & 1;
          })) / static_cast<double>(in.size());
 }
 
-void Row(const char* name, long items, double bytes, const Span& s, const char* note = "") {
-  std::printf("%-36s %7ld %10.0f %8.1f %9.2f  %s\n", name, items, items / s.wall,
-              bytes / 1e6 / s.wall, s.cpu * 1e6 / static_cast<double>(items), note);
-}
-
-_tagCHUNKHDR Ask(SYSTEMTIME at, signed char channel) {
-  _tagCHUNKHDR h{};
-  h.stTime = at;
-  h.chChannel = channel;
-  return h;
-}
-
-// Seeks to the first minute of the full basket, then steps `steps` times.
-Span Walk(CMOLRA& player, const SYSTEMTIME& first, signed char channel, long steps,
-          unsigned char* payload, double* bytes, _tagCHUNKHDR* last) {
-  _tagCHUNKHDR h = Ask(first, channel);
-  h.stTime.wSecond = h.stTime.wMilliseconds = 0;
-  LONG result = player.ReadDataEx(&h, payload);
-  if (result != FS_OK) Fail("seek to the first minute", result);
-  *bytes = 0;
-  const Span span = Time([&] {
-    for (long i = 0; i < steps; ++i) {
-      h.chChannel = channel;  // a step hands back the whole header
-      if ((result = player.ReadNextDataEx(&h, payload)) != FS_OK) Fail("ReadNextDataEx", result);
-      *bytes += sizeof h + h.dwLength;
-    }
-  });
-  *last = h;
-  return span;
-}
-
-bool SameChunk(const _tagCHUNKHDR& a, const _tagCHUNKHDR& b) {
-  return std::memcmp(&a.stTime, &b.stTime, sizeof a.stTime) == 0 && a.chChannel == b.chChannel;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(argc > 1 ? argv[1] : tmp ? tmp : "/tmp") +
-                        "/molra-bench-playback-XXXXXX";
-  if (!mkdtemp(pattern.data())) return 1;
-  const std::string base = pattern;
-  TIME_ZONE_INFORMATION utc{};
-  molra::platform::SetTimeZone(&utc);
-  for (char letter = 'a'; letter <= 'z'; ++letter) {
-    molra::platform::SetDriveRoot(letter, base + "/" + letter);
-  }
-  std::vector<BYTE> recorded(120000);
-  for (size_t i = 0; i < recorded.size(); ++i) recorded[i] = static_cast<BYTE>(i * 7);
-  Record(recorded);
-
+// The player, the full basket 0 and its chunks as its data file holds them.
+struct Bench {
   CMOLRA player;
-  LONG result = player.OpenFS(1);
-  if (result != FS_OK) Fail("OpenFS(1)", result);
+  std::string dir;   // the baskets' directory
+  std::string data;  // basket 0's data file
   _tagFSBSKINFO full{};
   _tagFSBSKINFO next{};
-  if (player.GetFSInfo()->dwCurrent != 1 || player.GetBaksetInfo(0, &full) != FS_OK ||
-      player.GetBaksetInfo(1, &next) != FS_OK || next.dwChunks == 0) {
-    Fail("a full basket 0 and a part-filled basket 1", 0);
-  }
-  const std::string dir = base + "/d/MOLRA";
-  const std::string data = dir + "/" + (std::strrchr(full.szPath, '\\') + 1) + ".CDT";
-  DWORD end = 0;
-  const std::vector<Chunk> chunks = ScanChunks(data, &end);
-  std::vector<unsigned char> payload(molra::kMaxChunkLength);
-  std::vector<unsigned char> block(1 << 20);
-  std::vector<const Chunk*> all;
-  std::vector<const Chunk*> one;
-  for (const Chunk& c : chunks) {
-    all.push_back(&c);
-    if (c.header.chChannel == kWalkChannel) one.push_back(&c);
-  }
-  const SYSTEMTIME a = full.stFirst;
-  const SYSTEMTIME z = full.stLast;
-  std::printf("store: 3 baskets in %s; basket 0 full: %zu chunks (catalogue %u), %.1f MB, "
-              "%02d:%02d:%02d-%02d:%02d:%02d; basket 1: %u chunks\n",
-              dir.c_str(), chunks.size(), static_cast<unsigned>(full.dwChunks), end / 1e6,
-              a.wHour, a.wMinute, a.wSecond, z.wHour, z.wMinute, z.wSecond,
-              static_cast<unsigned>(next.dwChunks));
+  std::vector<Chunk> chunks;
+  DWORD end = 0;  // of basket 0's chunks in its data file
+  std::vector<unsigned char> payload = std::vector<unsigned char>(molra::kMaxChunkLength);
 
-  // Seeks near the end of the full basket, and a plain open and read of
-  // the chunk each one lands on.
-  const auto seeks = [&](const char* state, int runs) {
-    char title[64];
-    std::snprintf(title, sizeof title, "seeks, %s, median of %d", state, runs);
-    std::printf("\n%-52s %8s %10s\n", title, "store ms", "plain ms");
+  // Seeks to the first minute of basket 0, then steps `steps` times.
+  Span Walk(signed char channel, long steps, double* bytes, _tagCHUNKHDR* h) {
+    *h = _tagCHUNKHDR{};
+    h->stTime = full.stFirst;
+    h->stTime.wSecond = h->stTime.wMilliseconds = 0;
+    h->chChannel = channel;
+    LONG result = player.ReadDataEx(h, payload.data());
+    if (result != FS_OK) Fail("seek to the first minute", result);
+    *bytes = 0;
+    return Time([&] {
+      for (long i = 0; i < steps; ++i) {
+        h->chChannel = channel;  // a step hands back the whole header
+        if ((result = player.ReadNextDataEx(h, payload.data())) != FS_OK) {
+          Fail("ReadNextDataEx", result);
+        }
+        *bytes += sizeof *h + h->dwLength;
+      }
+    });
+  }
+
+  // A minute and a second seek near the end of basket 0, and a plain open
+  // and read of the chunk each lands on.
+  void Seeks(bool cold) {
+    const int runs = cold ? 1 : kSeekRuns;
+    char name[96];
+    std::snprintf(name, sizeof name, "seeks, %s, median of %d", cold ? "cold" : "warm", runs);
+    std::printf("\n%-52s %8s %10s\n", name, "store ms", "plain ms");
     for (const bool toSecond : {false, true}) {
-      SYSTEMTIME at = z;
-      at.wMilliseconds = 0;
-      at.wSecond = toSecond ? (at.wSecond > 0 ? at.wSecond - 1 : 0) : 0;
+      _tagCHUNKHDR h{};
       std::vector<double> store;
       std::vector<double> plain;
-      _tagCHUNKHDR h{};
       for (int run = 0; run < runs; ++run) {
-        if (run == 0 && runs == 1) DropCache(dir);
-        h = Ask(at, -1);
+        if (cold) DropCache(dir);
+        h = _tagCHUNKHDR{};
+        h.stTime = full.stLast;  // its second too may open basket 1: one before
+        h.stTime.wSecond = toSecond && h.stTime.wSecond > 0 ? h.stTime.wSecond - 1 : 0;
+        h.stTime.wMilliseconds = 0;
+        h.chChannel = -1;
+        LONG result = FS_OK;
         store.push_back(Time([&] {
           result = toSecond ? player.ReadDataEx2(&h, payload.data())
                             : player.ReadDataEx(&h, payload.data());
         }).wall);
         if (result != FS_OK) Fail("seek", result);
       }
-      const auto found = std::find_if(all.begin(), all.end(),
-                                      [&](const Chunk* c) { return SameChunk(c->header, h); });
-      if (found == all.end()) Fail("the seek's chunk in the full basket", 0);
+      const auto found = std::find_if(chunks.begin(), chunks.end(),
+                                      [&](const Chunk& c) { return SameChunk(c.header, h); });
+      if (found == chunks.end()) Fail("the seek's chunk in basket 0", 0);
+      const Chunk* at = &*found;
       for (int run = 0; run < runs; ++run) {
-        if (run == 0 && runs == 1) DropCache(dir);
-        plain.push_back(Time([&] { PlainChunks(data, {*found}, payload.data()); }).wall);
+        if (cold) DropCache(dir);
+        plain.push_back(Time([&] { PlainChunks(data, at, at + 1, -1, payload.data()); }).wall);
       }
-      char name[96];
-      std::snprintf(name, sizeof name, "%s %02d:%02d:%02d -> chunk %ld of %zu",
-                    toSecond ? "ReadDataEx2" : "ReadDataEx ", at.wHour, at.wMinute, at.wSecond,
-                    static_cast<long>(found - all.begin()) + 1, all.size());
-      std::printf("%-52s %8.3f %10.3f\n", name, MedianMs(store), MedianMs(plain));
+      std::sort(store.begin(), store.end());
+      std::sort(plain.begin(), plain.end());
+      std::snprintf(name, sizeof name, "%s to %02d:%02d:%02d: chunk %ld of %zu",
+                    toSecond ? "ReadDataEx2" : "ReadDataEx ", h.stTime.wHour, h.stTime.wMinute,
+                    h.stTime.wSecond, static_cast<long>(at - chunks.data()) + 1, chunks.size());
+      std::printf("%-52s %8.3f %10.3f\n", name, store[store.size() / 2] * 1e3,
+                  plain[plain.size() / 2] * 1e3);
     }
-  };
+  }
 
-  const auto heading = [](const char* state) {
-    char title[64];
-    std::snprintf(title, sizeof title, "steps through basket 0, %s", state);
-    std::printf("\n%-36s %7s %10s %8s %9s\n", title, "chunks", "chunks/s", "MB/s", "cpu us/1");
-  };
-  const auto stepWalk = [&](bool cold) {
+  // Every chunk of basket 0 behind the first: steps, then plain reads.
+  void Steps(bool cold) {
+    std::printf("\nsteps through basket 0, %-12s %7s %10s %8s %9s\n", cold ? "cold" : "warm",
+                "chunks", "chunks/s", "MB/s", "cpu us/1");
+    const long steps = static_cast<long>(chunks.size()) - 1;
     double bytes = 0;
     _tagCHUNKHDR last{};
     if (cold) DropCache(dir);
-    Span span = Walk(player, a, -1, static_cast<long>(all.size()) - 1, payload.data(), &bytes,
-                     &last);
-    Row("ReadNextDataEx, any channel", static_cast<long>(all.size()) - 1, bytes, span,
+    Span span = Walk(-1, steps, &bytes, &last);
+    Row("ReadNextDataEx, any channel", steps, bytes, span,
         SameChunk(last, chunks.back().header) ? "" : "(ended on another chunk!)");
     if (cold) DropCache(dir);
-    span = Time([&] { bytes = PlainPass(data, all[1]->offset, end, block.data()); });
-    Row("plain 1 MiB reads of the same bytes", static_cast<long>(all.size()) - 1, bytes, span);
-    if (cold) return;
-    const std::vector<const Chunk*> stepped(all.begin() + 1, all.end());
-    span = Time([&] { bytes = PlainChunks(data, stepped, payload.data()); });
-    Row("plain pread header + payload", static_cast<long>(stepped.size()), bytes, span);
-  };
-
-  std::printf("\npage cache: warm, basket 0 data file %.0f%% resident\n", Resident(data));
-  seeks("warm", kSeekRuns);
-  heading("warm");
-  stepWalk(false);
-  {
-    double bytes = 0;
-    _tagCHUNKHDR last{};
-    const long steps = static_cast<long>(one.size()) - 1;
-    const Span span = Walk(player, a, kWalkChannel, steps, payload.data(), &bytes, &last);
-    const long nodes = static_cast<long>(one.back() - one.front());
-    char note[96];
-    std::snprintf(note, sizeof note, "%.0f index nodes/s%s", nodes / span.wall,
-                  SameChunk(last, one.back()->header) ? "" : " (ended on another chunk!)");
-    Row("ReadNextDataEx, channel 5", steps, bytes, span, note);
-    const std::vector<const Chunk*> stepped(one.begin() + 1, one.end());
-    Row("plain pread of the channel's chunks", steps, bytes,
-        Time([&] { PlainChunks(data, stepped, payload.data()); }));
-  }
-
-  std::printf("\n%-36s %7s %10s %8s %9s %9s\n", "key-frame skips, start to end", "calls",
-              "calls/s", "chunks", "nodes/s", "cpu us/1");
-  for (const int distance : {10, 1}) {
-    _tagCHUNKHDR h = Ask(a, -1);
-    h.stTime.wSecond = h.stTime.wMilliseconds = 0;
-    if ((result = player.ReadDataEx(&h, payload.data())) != FS_OK) Fail("seek", result);
-    long calls = 0;
-    long delivered = 0;
-    const Span span = Time([&] {
-      do {
-        h.chChannel = -1;
-        result = player.ReadNextDataEx2(&h, payload.data(), distance);
-        ++calls;
-        if (result == FS_OK) ++delivered;
-      } while ((result == FS_OK || result == FS_ERR_FILE) && calls < 1000000);
+    std::vector<unsigned char> block(1 << 20);
+    span = Time([&] {
+      const int fd = ::open(data.c_str(), O_RDONLY);
+      ::lseek(fd, chunks[1].offset, SEEK_SET);
+      for (DWORD left = end - chunks[1].offset; left > 0;) {
+        const ssize_t got = ::read(fd, block.data(), std::min<DWORD>(left, 1 << 20));
+        if (got <= 0) Fail("plain pass", 0);
+        left -= static_cast<DWORD>(got);
+      }
+      ::close(fd);
     });
-    const double nodes = static_cast<double>(full.dwChunks + next.dwChunks - 1);
-    char name[64];
-    std::snprintf(name, sizeof name, "ReadNextDataEx2, distance %d s%s", distance,
-                  result == FS_END_OF_DATA ? "" : " (no end!)");
-    std::printf("%-36s %7ld %10.0f %8ld %9.0f %9.2f\n", name, calls, calls / span.wall,
-                delivered, nodes / span.wall, span.cpu * 1e6 / static_cast<double>(calls));
+    Row("plain 1 MiB reads of the same bytes", steps, end - chunks[1].offset, span);
+    if (cold) return;
+    const Chunk* const first = chunks.data() + 1;
+    span = Time([&] { bytes = PlainChunks(data, first, first + steps, -1, payload.data()); });
+    Row("plain pread header + payload", steps, bytes, span);
   }
 
-  DropCache(dir);
-  std::printf("\npage cache: dropped (fdatasync + POSIX_FADV_DONTNEED), basket 0 data file "
-              "%.0f%% resident\n", Resident(data));
-  seeks("cold", 1);
-  heading("cold");
-  stepWalk(true);
+  // The chunks of one channel in basket 0: every index node between them
+  // is passed over.
+  void ChannelWalk() {
+    const Chunk* first = nullptr;
+    const Chunk* last = nullptr;
+    long steps = -1;
+    for (const Chunk& c : chunks) {
+      if (c.header.chChannel != kWalkChannel) continue;
+      if (!first) first = &c;
+      last = &c;
+      ++steps;
+    }
+    double bytes = 0;
+    _tagCHUNKHDR h{};
+    Span span = Walk(kWalkChannel, steps, &bytes, &h);
+    char note[64];
+    std::snprintf(note, sizeof note, "%.0f index nodes/s%s", (last - first) / span.wall,
+                  SameChunk(h, last->header) ? "" : " (ended on another chunk!)");
+    Row("ReadNextDataEx, channel 5", steps, bytes, span, note);
+    span = Time([&] {
+      bytes = PlainChunks(data, first + 1, last + 1, kWalkChannel, payload.data());
+    });
+    Row("plain pread of the channel's chunks", steps, bytes, span);
+  }
 
-  player.CloseFS();
+  // Key-frame skips from the first minute to the end of basket 1.
+  void Skips() {
+    std::printf("\n%-36s %7s %10s %8s %9s\n", "key-frame skips, start to end", "calls",
+                "calls/s", "MB/s", "cpu us/1");
+    for (const int distance : {10, 1}) {
+      double bytes = 0;
+      _tagCHUNKHDR h{};
+      Walk(-1, 0, &bytes, &h);
+      long calls = 0;
+      long delivered = 0;
+      LONG result = FS_OK;
+      const Span span = Time([&] {
+        do {
+          h.chChannel = -1;
+          result = player.ReadNextDataEx2(&h, payload.data(), distance);
+          ++calls;
+          if (result == FS_OK) {
+            ++delivered;
+            bytes += sizeof h + h.dwLength;
+          }
+          // FS_ERR_FILE: the walk stopped at its bound and goes on.
+        } while ((result == FS_OK || result == FS_ERR_FILE) && calls < 1000000);
+      });
+      char name[64];
+      char note[64];
+      std::snprintf(name, sizeof name, "ReadNextDataEx2, distance %d s", distance);
+      std::snprintf(note, sizeof note, "%ld chunks, %.0f index nodes/s%s", delivered,
+                    (full.dwChunks + next.dwChunks - 1) / span.wall,
+                    result == FS_END_OF_DATA ? "" : " (no end!)");
+      Row(name, calls, bytes, span, note);
+    }
+  }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string base = std::string(argc > 1 ? argv[1] : tmp ? tmp : "/tmp") +
+                     "/molra-bench-playback-XXXXXX";
+  if (!mkdtemp(base.data())) return 1;
+  TIME_ZONE_INFORMATION utc{};
+  molra::platform::SetTimeZone(&utc);
+  for (char letter = 'a'; letter <= 'z'; ++letter) {
+    molra::platform::SetDriveRoot(letter, base + "/" + letter);
+  }
+  Record();
+
+  Bench bench;
+  const LONG result = bench.player.OpenFS(1);
+  if (result != FS_OK) Fail("OpenFS(1)", result);
+  if (bench.player.GetFSInfo()->dwCurrent != 1 ||
+      bench.player.GetBaksetInfo(0, &bench.full) != FS_OK ||
+      bench.player.GetBaksetInfo(1, &bench.next) != FS_OK || bench.next.dwChunks == 0) {
+    Fail("a full basket 0 and a part-filled basket 1", 0);
+  }
+  bench.dir = base + "/d/MOLRA";
+  bench.data = bench.dir + "/" + (std::strrchr(bench.full.szPath, '\\') + 1) + ".CDT";
+  // Basket 0's chunks, read from its data file as the head bounds them.
+  const int fd = ::open(bench.data.c_str(), O_RDONLY);
+  _tagDATAHDR head{};
+  if (fd < 0 || ::pread(fd, &head, sizeof head, 0) != static_cast<ssize_t>(sizeof head)) {
+    Fail("reading the data file head", 0);
+  }
+  bench.end = head.dwWritePos;
+  for (DWORD at = sizeof head; at < head.dwWritePos;) {
+    Chunk c{at, {}};
+    if (::pread(fd, &c.header, sizeof c.header, at) != static_cast<ssize_t>(sizeof c.header)) break;
+    bench.chunks.push_back(c);
+    at += static_cast<DWORD>(sizeof c.header) + c.header.dwLength;
+  }
+  ::close(fd);
+
+  const SYSTEMTIME a = bench.full.stFirst;
+  const SYSTEMTIME z = bench.full.stLast;
+  std::printf("store: 3 baskets in %s\nbasket 0 full: %zu chunks (catalogue %u), %.1f MB, "
+              "%02d:%02d:%02d-%02d:%02d:%02d; basket 1: %u chunks\n",
+              bench.dir.c_str(), bench.chunks.size(), static_cast<unsigned>(bench.full.dwChunks),
+              bench.end / 1e6, a.wHour, a.wMinute, a.wSecond, z.wHour, z.wMinute, z.wSecond,
+              static_cast<unsigned>(bench.next.dwChunks));
+
+  std::printf("\npage cache: warm, basket 0 data file %.0f%% resident\n", Resident(bench.data));
+  bench.Seeks(false);
+  bench.Steps(false);
+  bench.ChannelWalk();
+  bench.Skips();
+  DropCache(bench.dir);
+  std::printf("\npage cache: dropped (fdatasync, POSIX_FADV_DONTNEED) before each run; now "
+              "%.0f%% resident\n", Resident(bench.data));
+  bench.Seeks(true);
+  bench.Steps(true);
+
+  bench.player.CloseFS();
   std::error_code ignored;
   std::filesystem::remove_all(base, ignored);
   return 0;
