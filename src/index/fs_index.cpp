@@ -47,6 +47,7 @@ int CFsIndex::ReadNode(_tagIDXNODE* node, DWORD offset) {
 
 int CFsIndex::WriteNode(const _tagIDXNODE* node, DWORD offset) {
   if (offset < molra::kRootOffset) return 0;
+  m_Run.length = 0;
   return WriteAt(offset, node, sizeof *node);
 }
 
@@ -58,33 +59,55 @@ int CFsIndex::WriteHeader(const _tagIDXHDR* header) {
   return WriteAt(0, header, sizeof *header);
 }
 
-int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block) {
+int CFsIndex::ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block, bool backward) {
   if (m_dwReadAhead < sizeof *node || offset < molra::kRootOffset) return ReadNode(node, offset);
   const auto inBlock = [&] {
     return offset >= block->start && offset - block->start <= block->length &&
            block->length - (offset - block->start) >= sizeof *node;
   };
   if (!inBlock()) {
-    // Read the nodes that follow in one go: a chain lies in file order.
-    // Only what the file holds counts, so a node beyond its end fails
-    // exactly as a read of that node alone would.
-    const DWORD size = GetSize();
-    if (offset >= size) return ReadNode(node, offset);
-    const DWORD length = size - offset < m_dwReadAhead ? size - offset : m_dwReadAhead;
+    // Read the nodes that follow (or, walking back, lead up to) this one in
+    // one go: a chain lies in file order. Only what the file holds counts,
+    // so a node beyond its end fails exactly as a read of that node alone.
+    const DWORD want = block->next != 0 && block->next < m_dwReadAhead ? block->next
+                                                                       : m_dwReadAhead;
+    const DWORD end = offset + static_cast<DWORD>(sizeof *node);
+    const DWORD start = !backward ? offset : end > want ? end - want : 0;
+    const DWORD length = backward ? end - start : want;
     block->bytes.resize(length);
-    if (!ReadAt(offset, block->bytes.data(), length)) {
+    DWORD done = 0;
+    if (end < offset || !m_hFile || !m_hFile->ReadAt(start, block->bytes.data(), length, &done)) {
       block->length = 0;
       return ReadNode(node, offset);
     }
-    block->start = offset;
-    block->length = length;
+    block->start = start;
+    block->length = done;
+    if (block->next != 0 && block->next < m_dwReadAhead) block->next *= 2;
     if (!inBlock()) return ReadNode(node, offset);
   }
   std::memcpy(node, block->bytes.data() + (offset - block->start), sizeof *node);
   return 1;
 }
 
+void CFsIndex::BeginRun(DWORD firstBlock) {
+  m_bRun = true;
+  m_Run.length = 0;
+  m_Run.next = firstBlock > molra::kNodeSize ? firstBlock : molra::kNodeSize;
+  // Once for the object's life: the walks of playback allocate nothing.
+  if (m_Run.bytes.capacity() < m_dwReadAhead) m_Run.bytes.reserve(m_dwReadAhead);
+}
+
+void CFsIndex::EndRun() {
+  m_bRun = false;
+  m_Run.length = 0;
+}
+
+int CFsIndex::ReadWalkNode(_tagIDXNODE* node, DWORD offset, bool forward) {
+  return m_bRun ? ReadNodeAhead(node, offset, &m_Run, !forward) : ReadNode(node, offset);
+}
+
 int CFsIndex::Open(char const* path, int mode, int reset) {
+  m_Run.length = 0;
   if (!CFsFile::Open(path, mode)) return 0;
   m_bWrote = false;
   m_dwCursor = 0;  // no position in a tree this object has not walked yet
@@ -107,6 +130,7 @@ int CFsIndex::Open(char const* path, int mode, int reset) {
 }
 
 int CFsIndex::Close() {
+  m_Run.length = 0;
   if (!IsOpen()) return 0;
   m_Hdr.dwOpen = 0;
   if (m_bWrote) {

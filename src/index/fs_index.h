@@ -46,6 +46,16 @@ class CFsIndex : public CFsFile {
   const _tagIDXHDR& Header() const { return m_Hdr; }
   DWORD Cursor() const { return m_dwCursor; }
 
+  // A run of Next or Prev calls (a walk to one channel's next chunk, a
+  // key-frame skip) reads its nodes in blocks, in the direction of the
+  // walk, that grow from `firstBlock` bytes (at least a node) up to the
+  // read-ahead size, until EndRun.
+  // Opening, closing or writing drops the block. The answers are those of
+  // single calls made in quick succession: a link that another writer sets
+  // meanwhile is seen as the node stood when its block was read.
+  void BeginRun(DWORD firstBlock);
+  void EndRun();
+
   // How many bytes a scan from the first node reads at a time; 0 reads
   // node by node. The answers are the same either way.
   void SetReadAhead(DWORD bytes) { m_dwReadAhead = bytes < kMaxReadAhead ? bytes : kMaxReadAhead; }
@@ -57,14 +67,18 @@ class CFsIndex : public CFsFile {
     std::vector<BYTE> bytes;
     DWORD start = 0;
     DWORD length = 0;
+    DWORD next = 0;  // bytes of the next read; 0: the read-ahead size
   };
 
   int ReadNode(_tagIDXNODE* node, DWORD offset);
   int WriteNode(const _tagIDXNODE* node, DWORD offset);
   int ReadHeader(_tagIDXHDR* header);
   int WriteHeader(const _tagIDXHDR* header);
-  // ReadNode through the scan's block of nodes read ahead.
-  int ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block);
+  // ReadNode through the scan's block of nodes read ahead; a backward
+  // block ends at the node asked for.
+  int ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block, bool backward = false);
+  // ReadNode, through the run's block while a run lasts.
+  int ReadWalkNode(_tagIDXNODE* node, DWORD offset, bool forward);
   // Finds the parent of a new node at `newOffset`, with its link already
   // set in `parent`; side 1 is left, 2 right.
   int Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent, DWORD* parentOffset,
@@ -77,4 +91,6 @@ class CFsIndex : public CFsFile {
   DWORD m_dwCursor = 0;
   bool m_bWrote = false;  // this object has written the header
   DWORD m_dwReadAhead;
+  NodeBlock m_Run;
+  bool m_bRun = false;
 };

@@ -97,14 +97,14 @@ int CFsIndex::PrevNode(_tagIDXNODE* node, DWORD offset, DWORD* found) {
 int CFsIndex::Walk(_tagIDXNODE* node, DWORD offset, DWORD* found, bool forward) {
   const auto ahead = [forward](const _tagIDXNODE& n) { return forward ? n.dwRight : n.dwLeft; };
   const auto behind = [forward](const _tagIDXNODE& n) { return forward ? n.dwLeft : n.dwRight; };
-  if (!ReadNode(node, offset)) return 0;
+  if (!ReadWalkNode(node, offset, forward)) return 0;
   if (ahead(*node) != 0) {
     *found = ahead(*node);
-    return ReadNode(node, *found);
+    return ReadWalkNode(node, *found, forward);
   }
   DWORD child = offset;
   DWORD parent = node->dwParent;
-  if (parent == 0 || !ReadNode(node, parent)) return 0;
+  if (parent == 0 || !ReadWalkNode(node, parent, forward)) return 0;
   for (int pass = 1; pass <= kMaxClimb; ++pass) {
     if (behind(*node) == child) {
       *found = parent;
@@ -116,7 +116,7 @@ int CFsIndex::Walk(_tagIDXNODE* node, DWORD offset, DWORD* found, bool forward) 
     child = parent;
     parent = node->dwParent;
     molra::platform::MessageStep();
-    if (!ReadNode(node, parent)) return 0;
+    if (!ReadWalkNode(node, parent, forward)) return 0;
   }
   return 0;
 }

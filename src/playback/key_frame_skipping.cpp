@@ -104,6 +104,7 @@ LONG CMOLRA::Skip(_tagCHUNKHDR* header, unsigned char* payload, int distance, bo
   char key[molra::kKeyLength + 1] = {};
   _tagIDXREF ref;
   bool entered = false;
+  const molra::IndexRun run(m_pIndex, molra::kWalkBlock);
   for (int moves = 0;; ++moves) {
     // The bound stops short of the next node, so that the next call judges
     // it: a key frame is never passed over unseen.

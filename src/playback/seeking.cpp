@@ -106,6 +106,7 @@ LONG CMOLRA::Seek(_tagCHUNKHDR* header, unsigned char* payload, bool toSecond) {
     // The first chunk of the channel behind the node found, wherever it
     // lies in this basket.
     const DWORD capacity = molra::NodeCapacity(*index);
+    const molra::IndexRun run(index, molra::kWalkBlock);
     for (DWORD moves = 0;; ++moves) {
       if (cancelled()) return FS_ERR_FILE;
       if (moves >= capacity || !index->Next(key.text, &ref)) break;

@@ -69,6 +69,7 @@ LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
   _tagIDXREF ref;
   bool entered = false;
   if (channel == -1) {
+    const molra::IndexRun run(m_pIndex, molra::kStepBlock);
     const LONG moved = MoveOne(forward, key, &ref, &entered);
     if (moved != FS_OK) return moved;
     return ReadOut(ref, header, payload, ReadKind::kStep, false);
@@ -76,6 +77,7 @@ LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
 
   if (m_lExit.load() != 0) return FS_ERR_FILE;
   DWORD capacity = molra::NodeCapacity(*m_pIndex);
+  const molra::IndexRun run(m_pIndex, molra::kWalkBlock);
   for (DWORD moves = 1;; ++moves) {
     const LONG moved = MoveOne(forward, key, &ref, &entered);
     if (moved != FS_OK) return moved;

@@ -98,9 +98,13 @@ TEST_F(IndexTest, InsertsBuildTheTreeWalksFollowAndDuplicatesAreRefused) {
   // From each node: the next and the climbs to it, the previous and the climbs to it.
   const int walks[][4] = {{1, 0, -1, 0}, {2, 0, 0, 0}, {3, 0, 4, 0},
                           {-1, 2, 2, 0}, {5, 0, 1, 1}, {2, 1, 4, 0}};
-  for (int i = 0; i < 6; ++i) {
-    EXPECT_EQ(Walk(&index, true, At(i)), To(walks[i][0], walks[i][1])) << i;
-    EXPECT_EQ(Walk(&index, false, At(i)), To(walks[i][2], walks[i][3])) << i;
+  for (const DWORD block : {0u, 41u, 82u, 1024u}) {  // node by node, then through blocks
+    if (block != 0) index.BeginRun(block);
+    for (int i = 0; i < 6; ++i) {
+      EXPECT_EQ(Walk(&index, true, At(i)), To(walks[i][0], walks[i][1])) << i << " " << block;
+      EXPECT_EQ(Walk(&index, false, At(i)), To(walks[i][2], walks[i][3])) << i << " " << block;
+    }
+    index.EndRun();
   }
   EXPECT_EQ(index.Prev(nullptr, nullptr), 0);  // no position yet
   for (const bool first : {true, false}) {     // the header's ends, not the tree's
