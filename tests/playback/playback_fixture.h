@@ -40,7 +40,7 @@ class PlaybackTest : public StoreTest {
   }
   // Payload bytes tell channel and second apart.
   static std::vector<BYTE> Payload(int channel, const SYSTEMTIME& t, DWORD length) {
-    return std::vector<BYTE>(length, static_cast<BYTE>(channel * 60 + t.wSecond));
+    return std::vector<BYTE>(length, static_cast<BYTE>(channel * 60 + t.wSecond % 60));
   }
   void Save(int channel, const SYSTEMTIME& t, bool key = false, DWORD length = 8) {
     _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), key ? 0x10000u : 0u, length};

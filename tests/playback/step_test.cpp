@@ -77,20 +77,23 @@ TEST_F(StepTest, EmptyChunksPassButOnABackwardEntryAndUnreadablePayloadsFail) {
   ASSERT_NO_FATAL_FAILURE(Make(2));
   Save(2, At(10, 0, 1), false, 0);
   NextBasket();
-  Save(2, At(10, 0, 2));
-  Save(0, At(10, 0, 3));
+  Save(2, At(10, 0, 2), false, 0);
+  Save(2, At(10, 0, 3));
+  Save(0, At(10, 0, 4));
   Play();
   ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c2 10:00:01");
-  EXPECT_EQ(Step(2), "c2 10:00:02");
-  EXPECT_EQ(Step(2, false), "#6");
+  EXPECT_EQ(Step(2), "c2 10:00:02");  // entered forward
+  EXPECT_EQ(Step(2), "c2 10:00:03");
+  EXPECT_EQ(Step(2, false), "c2 10:00:02");  // inside the basket
+  EXPECT_EQ(Step(2, false), "#6");           // entered backward
   EXPECT_NE(DefectLog().find("[11-18, 10:0:1]:[0]"), std::string::npos);
   ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c2 10:00:02");
   EXPECT_EQ(Step(-1, false), "c2 10:00:01");
 
-  std::filesystem::resize_file(DataPath(1), Offset(1, 1) + sizeof(_tagCHUNKHDR) + 4);
-  ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c2 10:00:02");
+  std::filesystem::resize_file(DataPath(1), Offset(1, 2) + sizeof(_tagCHUNKHDR) + 4);
+  ASSERT_EQ(Seek(-1, At(10, 0, 3), true), "c2 10:00:03");
   EXPECT_EQ(Step(-1), "#2");
-  EXPECT_EQ(player.m_stLastRead.wSecond, 3);
+  EXPECT_EQ(player.m_stLastRead.wSecond, 4);
 }
 
 // Runs `work` with a recorder of its own in a child process.
