@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "cpu_time.h"
 #include "molra/molra.h"
 
 namespace {
@@ -38,12 +39,6 @@ constexpr DWORD kKeyFrame = 0x10000;
 [[noreturn]] void Fail(const char* what, LONG result) {
   std::fprintf(stderr, "%s failed (%ld)\n", what, static_cast<long>(result));
   std::exit(1);
-}
-
-double CpuSeconds() {
-  struct timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
 }
 
 struct Span {

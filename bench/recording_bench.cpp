@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "cpu_time.h"
 #include "molra/molra.h"
 #include "platform/env.h"
 
@@ -50,12 +51,6 @@ std::vector<Frame> MakeStream(int frames) {
     stream.push_back(f);
   }
   return stream;
-}
-
-double CpuSeconds() {
-  struct timespec ts;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
 }
 
 struct Run {

@@ -27,33 +27,8 @@ CMOLRA::CMOLRA()
   InitTimeZoneInfo();
 }
 
-CMOLRA::CMOLRA(const CMOLRA& other)
-    : m_bFull(other.m_bFull),
-      m_dwFill(other.m_dwFill),
-      m_lExit(other.m_lExit.load()),
-      m_pIndex(other.m_pIndex),
-      m_pData(other.m_pData),
-      m_pTable(other.m_pTable),
-      m_pCatalog(other.m_pCatalog),
-      m_FsHdr(other.m_FsHdr),
-      m_ppBasket(other.m_ppBasket),
-      m_DataHdr(other.m_DataHdr),
-      m_nMode(other.m_nMode),
-      m_nOpenBasket(other.m_nOpenBasket),
-      m_bDST(other.m_bDST),
-      m_bOddBias(other.m_bOddBias),
-      m_Tzi(other.m_Tzi),
-      m_tDstBegin(other.m_tDstBegin),
-      m_tDstEnd(other.m_tDstEnd),
-      m_tDstBeginUtc(other.m_tDstBeginUtc),
-      m_tDstEndUtc(other.m_tDstEndUtc),
-      m_stLastRead(other.m_stLastRead) {
-  CopyClock(other);
-  std::memcpy(m_SaveTime, other.m_SaveTime, sizeof m_SaveTime);
-  std::memcpy(m_bIFrame, other.m_bIFrame, sizeof m_bIFrame);
-  std::memcpy(m_LastSaved, other.m_LastSaved, sizeof m_LastSaved);
-  std::memcpy(m_ChanHits, other.m_ChanHits, sizeof m_ChanHits);
-}
+// Every member is assigned by operator=; the copy starts from nothing.
+CMOLRA::CMOLRA(const CMOLRA& other) : m_lExit(0) { *this = other; }
 
 CMOLRA& CMOLRA::operator=(const CMOLRA& other) {
   if (this == &other) return *this;
