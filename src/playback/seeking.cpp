@@ -105,11 +105,11 @@ LONG CMOLRA::Seek(_tagCHUNKHDR* header, unsigned char* payload, bool toSecond) {
 
     // The first chunk of the channel behind the node found, wherever it
     // lies in this basket.
-    const DWORD capacity = molra::NodeCapacity(*index);
     const molra::IndexRun run(index, molra::kWalkBlock);
-    for (DWORD moves = 0;; ++moves) {
+    molra::MoveBudget budget;
+    for (;;) {
       if (cancelled()) return FS_ERR_FILE;
-      if (moves >= capacity || !index->Next(key.text, &ref)) break;
+      if (!budget.Spend(*index) || !index->Next(key.text, &ref)) break;
       if (ref.cChannel == wanted) return ReadOut(ref, header, payload, ReadKind::kSeek, false);
     }
     // The next basket goes on only if it holds the minute (or second) the

@@ -76,9 +76,9 @@ LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
   }
 
   if (m_lExit.load() != 0) return FS_ERR_FILE;
-  DWORD capacity = molra::NodeCapacity(*m_pIndex);
   const molra::IndexRun run(m_pIndex, molra::kWalkBlock);
-  for (DWORD moves = 1;; ++moves) {
+  molra::MoveBudget budget;
+  for (;;) {
     const LONG moved = MoveOne(forward, key, &ref, &entered);
     if (moved != FS_OK) return moved;
     if (ref.cChannel == channel) {
@@ -88,11 +88,7 @@ LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
     }
     molra::platform::MessageStep();
     if (m_lExit.load() != 0) return FS_ERR_FILE;
-    if (entered) {
-      moves = 0;
-      if (m_pIndex) capacity = molra::NodeCapacity(*m_pIndex);
-    }
-    // More moves in one basket than its index holds nodes: a damaged tree.
-    if (moves > capacity) return FS_ERR_FILE;
+    if (entered) budget.NewBasket();
+    if (!m_pIndex || !budget.Spend(*m_pIndex)) return FS_ERR_FILE;
   }
 }

@@ -11,12 +11,24 @@ namespace molra {
 // Index moves a key-frame skip makes at most in one call.
 constexpr int kMaxSkipMoves = 4800;
 
-// Nodes the open index file can hold at most. A walk that moves more
-// often than this inside one basket is running round a damaged tree.
-inline DWORD NodeCapacity(CFsIndex& index) {
-  const DWORD size = index.GetSize();
-  return size / kNodeSize + 1;
-}
+// Counts a walk's moves inside one basket. More moves than its index file
+// can hold nodes means the walk runs round a damaged tree. The file's size
+// is asked only once a walk is longer than any intact basket's.
+class MoveBudget {
+ public:
+  // False once the moves in this basket exceed what its index can hold.
+  bool Spend(CFsIndex& index) {
+    if (++m_moves <= kMovesUnchecked) return true;
+    if (m_capacity == 0) m_capacity = index.GetSize() / kNodeSize + 1;
+    return m_moves <= m_capacity;
+  }
+  void NewBasket() { m_moves = m_capacity = 0; }
+
+ private:
+  static constexpr DWORD kMovesUnchecked = 1u << 17;  // a basket takes 70,001 chunks at most
+  DWORD m_moves = 0;
+  DWORD m_capacity = 0;
+};
 
 // A walk that looks for one channel starts with blocks of 1 KiB: most end
 // within a few nodes. A single step needs its node and the next one.

@@ -3,7 +3,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <fstream>
 
 #include "molra/platform.h"
 #include "playback/playback_fixture.h"
@@ -94,6 +96,19 @@ TEST_F(StepTest, EmptyChunksPassButOnABackwardEntryAndUnreadablePayloadsFail) {
   ASSERT_EQ(Seek(-1, At(10, 0, 3), true), "c2 10:00:03");
   EXPECT_EQ(Step(-1), "#2");
   EXPECT_EQ(player.m_stLastRead.wSecond, 4);
+}
+
+TEST_F(StepTest, AWalkRoundADamagedTreeEnds) {
+  ASSERT_NO_FATAL_FAILURE(Make(1));
+  for (WORD s = 1; s <= 3; ++s) Save(0, At(10, 0, s));
+  // The second node's right link leads back to the first.
+  const DWORD first = molra::kRootOffset;
+  std::fstream(Real('d', "MOLRA/FS000000.CIN"), std::ios::in | std::ios::out | std::ios::binary)
+      .seekp(first + molra::kNodeSize + offsetof(_tagIDXNODE, dwRight))
+      .write(reinterpret_cast<const char*>(&first), sizeof first);
+  Play();
+  ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
+  EXPECT_EQ(Step(5), "#6");
 }
 
 // Runs `work` with a recorder of its own in a child process.
