@@ -147,7 +147,7 @@ int CFsIndex::Close() {
 
 int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,
                       DWORD* parentOffset, int* side) {
-  NodeBlock block;
+  NodeBlock& block = FreshScan();
   DWORD offset = molra::kRootOffset;
   if (!ReadNodeAhead(parent, offset, &block)) return 0;
   bool fresh = m_dwReadAhead < sizeof *parent;

@@ -77,6 +77,12 @@ class CFsIndex : public CFsFile {
   // ReadNode through the scan's block of nodes read ahead; a backward
   // block ends at the node asked for.
   int ReadNodeAhead(_tagIDXNODE* node, DWORD offset, NodeBlock* block, bool backward = false);
+  // The block of a new scan: the object's own, so that its memory is made
+  // once and lookups allocate nothing after the first.
+  NodeBlock& FreshScan() {
+    m_Scan.length = 0;
+    return m_Scan;
+  }
   // ReadNode, through the run's block while a run lasts.
   int ReadWalkNode(_tagIDXNODE* node, DWORD offset, bool forward);
   // Finds the parent of a new node at `newOffset`, with its link already
@@ -91,6 +97,7 @@ class CFsIndex : public CFsFile {
   DWORD m_dwCursor = 0;
   bool m_bWrote = false;  // this object has written the header
   DWORD m_dwReadAhead;
+  NodeBlock m_Scan;
   NodeBlock m_Run;
   bool m_bRun = false;
 };

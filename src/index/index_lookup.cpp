@@ -19,7 +19,7 @@ int CFsIndex::CopyOut(const _tagIDXNODE& node, DWORD offset, char* key, _tagIDXR
 }
 
 int CFsIndex::Search(const char* key, _tagIDXNODE* node, DWORD* found, int n) {
-  NodeBlock block;
+  NodeBlock& block = FreshScan();
   DWORD offset = molra::kRootOffset;
   if (!ReadNodeAhead(node, offset, &block)) return 0;
   bool fresh = m_dwReadAhead < sizeof *node;
