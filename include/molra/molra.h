@@ -205,6 +205,9 @@ class CMOLRA {
 
   void CopyClock(const CMOLRA& other);
 
+  // Whether a basket's three files and the catalogue are at hand.
+  bool StoreOpen() const { return m_pData && m_pIndex && m_pTable && m_ppBasket; }
+
   // The catalogue record of basket n; nullptr when n names none.
   _tagFSBSKINFO* Basket(DWORD n);
 

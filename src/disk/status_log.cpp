@@ -17,18 +17,22 @@ constexpr DWORD kLogLimit = 10485760;  // 10 MiB
 
 namespace molra {
 
-void AppendLogLine(char const* logPath, char const* text) {
-  SYSTEMTIME now;
-  platform::GetLocalTime(&now);
+void AppendLogText(char const* logPath, char const* text) {
   platform::Env* env = platform::CurrentEnv();
   std::uint64_t size = 0;
   if (env->FileSize(logPath, &size) && size >= kLogLimit) env->RemoveFile(logPath);
+  // Text that cannot be written (no log directory yet) is lost.
+  env->AppendText(logPath, text);
+}
+
+void AppendLogLine(char const* logPath, char const* text) {
+  SYSTEMTIME now;
+  platform::GetLocalTime(&now);
   char stamp[64];
   std::snprintf(stamp, sizeof stamp, " %u:%u:%u - %u:%u:%u\n", now.wYear, now.wMonth,
                 now.wDay, now.wHour, now.wMinute, now.wSecond);
   const std::string line = std::string(text ? text : "") + stamp;
-  // A line that cannot be written (no log directory yet) is lost.
-  env->AppendText(logPath, line.c_str());
+  AppendLogText(logPath, line.c_str());
 }
 
 }  // namespace molra

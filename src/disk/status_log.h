@@ -8,4 +8,7 @@ void FsStatusLog(char const* text);
 namespace molra {
 // Writes one log line in the same way to another log file.
 void AppendLogLine(char const* logPath, char const* text);
+// Appends `text` as it stands to a log file kept the same way: deleted
+// whole once it has reached 10 MiB. Text that cannot be written is lost.
+void AppendLogText(char const* logPath, char const* text);
 }  // namespace molra

@@ -1,21 +1,18 @@
 // Handing a chunk out to the caller: the one road by which recordings
 // leave the store, with the test that keeps a damaged record away from
 // the host, and the log of what it refused.
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "disk/fs_file.h"
+#include "disk/status_log.h"
 #include "index/fs_index.h"
 #include "molra/molra.h"
-#include "platform/env.h"
 #include "playback/walk_limits.h"
 
 namespace {
 
 constexpr char kDefectLogPath[] = "c:\\FSDIR\\defected.dat";
-constexpr DWORD kDefectLogLimit = 10485760;  // 10 MiB: the log starts afresh
 
 // Limits a record must keep to be handed out. The upper limits themselves
 // pass: hour 24, minute and second 60.
@@ -60,11 +57,6 @@ LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char*
 
 void CMOLRA::FsNoExistData(_tagCHUNKHDR* header) {
   if (header == nullptr) return;
-  molra::platform::Env* env = molra::platform::CurrentEnv();
-  std::uint64_t size = 0;
-  if (env->FileSize(kDefectLogPath, &size) && size >= kDefectLogLimit) {
-    env->RemoveFile(kDefectLogPath);
-  }
   const CString now = CTime::GetCurrentTime().Format("%Y-%m-%d %H:%M:%S");
   const _tagFSBSKINFO* basket = m_nOpenBasket >= 0 ? Basket(static_cast<DWORD>(m_nOpenBasket))
                                                     : nullptr;
@@ -76,7 +68,7 @@ void CMOLRA::FsNoExistData(_tagCHUNKHDR* header) {
                 static_cast<const char*>(now), basket ? basket->szPath : "", stamp.wMonth,
                 stamp.wDay, stamp.wHour, stamp.wMinute, stamp.wSecond, static_cast<int>(length));
   // Without the log directory the lines are lost; the read still fails.
-  env->AppendText(kDefectLogPath, lines);
+  molra::AppendLogText(kDefectLogPath, lines);
 }
 
 bool CMOLRA::Placed() const {
@@ -86,7 +78,7 @@ bool CMOLRA::Placed() const {
 
 LONG CMOLRA::ReadFirstData(_tagCHUNKHDR* /*header*/, unsigned char* /*payload*/,
                            unsigned char /*bDaylight*/) {
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   return m_nMode == 1 ? FS_ERR_FILE : FS_ERR_MODE;
 }
 

@@ -95,7 +95,7 @@ int CMOLRA::SkipFrame(const char* key, int channel, int distance, DWORD base, bo
 
 LONG CMOLRA::Skip(_tagCHUNKHDR* header, unsigned char* payload, int distance, bool forward) {
   const DWORD base = m_stLastRead.wYear == 0 ? 0 : Seconds(m_stLastRead);
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   if (m_nMode != 1) return FS_ERR_MODE;
   if (header == nullptr) return FS_ERR_PARAM;
   if (static_cast<BYTE>(header->chChannel) != 0xFF) return FS_ERR_FILE;

@@ -24,7 +24,7 @@ SYSTEMTIME Stamp(LONG year, LONG month, LONG day, LONG hour, LONG minute, LONG s
 }  // namespace
 
 LONG CMOLRA::FindFirstBskDate(LONG year, LONG month, LONG day, LONG hour, LONG minute) {
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return -1;
+  if (!StoreOpen()) return -1;
   const DWORD baskets = m_FsHdr.dwBaskets;
   if (baskets == 0) return -1;
   const SYSTEMTIME time = Stamp(year, month, day, hour, minute, 0);
@@ -40,7 +40,7 @@ LONG CMOLRA::FindFirstBskDate(LONG year, LONG month, LONG day, LONG hour, LONG m
 
 LONG CMOLRA::FindFirstBskDateSec(LONG year, LONG month, LONG day, LONG hour, LONG minute,
                                  LONG second) {
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return -1;
+  if (!StoreOpen()) return -1;
   const DWORD baskets = m_FsHdr.dwBaskets;
   if (baskets == 0) return -1;
   const SYSTEMTIME time = Stamp(year, month, day, hour, minute, second);
@@ -69,7 +69,7 @@ LONG CMOLRA::ReadDataEx2(_tagCHUNKHDR* header, unsigned char* payload) {
 }
 
 LONG CMOLRA::Seek(_tagCHUNKHDR* header, unsigned char* payload, bool toSecond) {
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   if (m_nMode != 1) return FS_ERR_MODE;
   if (header == nullptr) return FS_ERR_PARAM;
   const SYSTEMTIME t = header->stTime;

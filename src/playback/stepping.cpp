@@ -57,7 +57,7 @@ LONG CMOLRA::MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered) {
 
 LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
   if (m_lExit.load() != 0) return FS_ERR_INDEX;
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   if (m_nMode != 1) return FS_ERR_MODE;
   if (header == nullptr) return FS_ERR_PARAM;
   const signed char channel = header->chChannel;

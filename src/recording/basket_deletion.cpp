@@ -101,7 +101,7 @@ LONG CMOLRA::DelTBLSaveDataInfo(CString date, CString limit) {
   reference.wMonth = static_cast<WORD>(Number(text, 4, 2));
   reference.wDay = static_cast<WORD>(Number(text, 6, 2));
   const int days = std::atoi(limit);
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   if (m_nMode != 0) return FS_ERR_MODE;
   LoadFSInfo(-1);
 

@@ -36,7 +36,7 @@ bool SameDate(const DWORD date[3], const SYSTEMTIME& day) {
 }  // namespace
 
 LONG CMOLRA::TimelineStart() {
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   if (m_nMode != 1) return FS_ERR_MODE;
   // A recording made meanwhile counts at once.
   LoadFSInfo(-1);
@@ -155,7 +155,7 @@ LONG CMOLRA::GetSaveMinuteInfo(LONG year, LONG month, LONG day, LONG hour, LONG 
                                LONG channel, DWORD* cells, int bDaylight) {
   if (cells != nullptr) std::memset(cells, 0, 60 * sizeof(DWORD));
   if (cells == nullptr || channel < 0 || channel > 15 || hour < 0 || hour > 23) return FS_ERR_PARAM;
-  if (!m_pData || !m_pIndex || !m_pTable || !m_ppBasket) return FS_ERR_FILE;
+  if (!StoreOpen()) return FS_ERR_FILE;
   if (m_nMode != 1) return FS_ERR_MODE;
   SYSTEMTIME utc = Stamp(year, month, day, hour);
   ChangeLocalToSystemTime(utc, bDaylight);
