@@ -35,7 +35,8 @@ class CMOLRA {
   virtual ~CMOLRA();
 
   // Opening and closing. OpenFS closes first, loads the catalogue and
-  // opens the current basket: mode 0 records, 1 plays back. CloseFS saves
+  // opens the current basket: mode 0 records, 1 plays back; any other mode
+  // answers FS_ERR_PARAM and changes nothing. CloseFS saves
   // nothing: the files are up to date after every call. SetExit raises
   // (non-zero) or lowers the flag that stops a long read, from any thread.
   LONG OpenFS(LONG mode);
@@ -108,7 +109,9 @@ class CMOLRA {
   // minute cells of one channel in a local hour. Each reloads the catalogue
   // and reads only the baskets' day tables; the reader's place stays.
   // FS_OK, FS_ERR_FILE (not open), FS_ERR_MODE (not playing back); the
-  // minute query also FS_ERR_PARAM for a channel or hour out of range.
+  // minute query also FS_ERR_PARAM for a channel or hour out of range, and
+  // all three for a null output or a negative count. The day query writes
+  // at most `count` entries.
   LONG GetSaveDateInfo(LONG year, LONG month, int* days, LONG count);
   LONG GetSaveTimeInfo(LONG year, LONG month, LONG day, LONG unused, DWORD* cells, CWnd* progress);
   LONG GetSaveMinuteInfo(LONG year, LONG month, LONG day, LONG hour, LONG unused, LONG channel,
@@ -126,11 +129,14 @@ class CMOLRA {
   // whole when its last local day is the cut-off day or earlier, cut at
   // the front when it only starts then (1), left alone (0). info receives
   // the oldest basket afterwards, in local time. Failures are logged and
-  // answer 1; a basket open elsewhere cannot be erased whole.
+  // answer 1; a basket open elsewhere cannot be erased whole. A retention
+  // that reaches back before year 1 keeps everything (0).
   int GetOldestBasketInfoAndBasketControl(unsigned int days, _tagFSBSKINFO* info);
   // Takes basket n (-1: all) out of the catalogue file and deletes its
   // files. FS_OK, FS_ERR_CATALOG (no catalogue), FS_ERR_PARAM (n names no
   // basket; nothing changes). The object's own catalogue is not reloaded.
+  // The oldest position is left as it was, also past the shorter list; a
+  // load reads such a position as the basket behind the current one.
   LONG DeleteBakset(LONG number);
   // Blanks the day tables and time ranges of the baskets that start more
   // than `limit` days before `date` ("yyyymmdd"); recording mode only.
@@ -157,6 +163,8 @@ class CMOLRA {
   using BasketList = std::vector<_tagFSBSKINFO>;
 
   LONG LoadFSInfo(LONG unused);
+  // Brings ring positions that lie past the list in memory back into it.
+  void PlaceRingInList();
   LONG SaveFSInfo(LONG basket);  // -1: the head and every record
   // SaveFSInfo, optionally with basket n's record written before the head.
   LONG SaveCatalogue(LONG basket, bool recordFirst);
@@ -197,7 +205,8 @@ class CMOLRA {
   // One move of a step: the neighbouring node, in the open basket or at
   // the entry of the next one (`entered`). FS_OK, or the end of the ring.
   LONG MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered);
-  // Whether a seek has placed the reader on a node of the open basket.
+  // Whether a lookup since OpenFS has placed the reader on a node (the
+  // cursor outlives baskets), or the open basket has none to stand on.
   bool Placed() const;
   // Reads the chunk a reference names into the caller's buffers.
   LONG ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
@@ -218,7 +227,7 @@ class CMOLRA {
 
  public:
   // Time. Days from b to a, by their dates alone (0 when either date does
-  // not exist); the day of the month of the first Sunday, given the
+  // not exist or is not given); the day of the month of the first Sunday, given the
   // weekday of the first of the month (1 Sunday to 7 Saturday), else 0.
   int IntervalSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
   WORD GetDayOfFirstSunday(int weekDay);

@@ -109,8 +109,9 @@ int CFsIndex::ReadWalkNode(_tagIDXNODE* node, DWORD offset, bool forward) {
 int CFsIndex::Open(char const* path, int mode, int reset) {
   m_Run.length = 0;
   if (!CFsFile::Open(path, mode)) return 0;
+  // The cursor stays: after a failed lookup a reader steps on from the
+  // last node it handed out, whichever basket that was in.
   m_bWrote = false;
-  m_dwCursor = 0;  // no position in a tree this object has not walked yet
   if (GetSize() >= sizeof(_tagIDXHDR) && !reset) {
     if (!ReadHeader(&m_Hdr)) {
       CFsFile::Close();

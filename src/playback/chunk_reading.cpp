@@ -72,7 +72,7 @@ void CMOLRA::FsNoExistData(_tagCHUNKHDR* header) {
 }
 
 bool CMOLRA::Placed() const {
-  // A freshly opened basket with nodes has no cursor until a seek.
+  // OpenFS makes a new index object, which has no cursor until a lookup.
   return m_pIndex && (m_pIndex->Cursor() != 0 || m_pIndex->Header().dwEnd == 0);
 }
 

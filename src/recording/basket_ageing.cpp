@@ -18,6 +18,9 @@ namespace platform = molra::platform;
 namespace {
 
 constexpr DWORD kRecordSize = sizeof(_tagFSBSKTBL);
+// The earliest cut-off, 0001-01-02 00:00 UTC: a day into year 1, so that
+// its local date lies in year 1 or later in every zone.
+constexpr std::int64_t kFirstCutOff = -62135596800 + 86400;
 
 // Text date "%04d%02d%02d": text order is calendar order.
 std::string DateText(int year, int month, int day) {
@@ -76,8 +79,12 @@ int CMOLRA::GetOldestBasketInfoAndBasketControl(unsigned int days, _tagFSBSKINFO
   // Without a catalogue there is no oldest basket to age.
   if (GetBaksetInfo(static_cast<LONG>(b), info) != FS_OK) return 0;
 
+  const CTime cut = CTime::GetCurrentTime() - CTimeSpan(static_cast<std::int64_t>(days) * 86400);
+  // A retention that reaches back before year 1 keeps everything: no
+  // four-digit date can name the cut-off, and a 16-bit year would wrap.
+  if (cut.GetTime() < kFirstCutOff) return 0;
   std::tm local;
-  (CTime::GetCurrentTime() - CTimeSpan(static_cast<std::int64_t>(days) * 86400)).GetLocalTm(&local);
+  cut.GetLocalTm(&local);
   const std::string cutOff = DateText(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
   const SYSTEMTIME startStamp = info->stFirst;
   const SYSTEMTIME endStamp = info->stLast;

@@ -76,11 +76,10 @@ LONG CMOLRA::DeleteBakset(LONG number) {
     for (const _tagFSBSKINFO& record : records) DeleteBasketFiles(record);
     return FS_OK;
   }
+  // dwOldest stays even where it now lies past the list: a load reads such
+  // a position as the basket behind the current one.
   head.dwBaskets = count - 1;
   if (head.dwBaskets == head.dwCurrent && head.dwCurrent != 0) --head.dwCurrent;
-  // Positions are indexes into the list: none may point past its end.
-  if (head.dwCurrent >= head.dwBaskets) head.dwCurrent = 0;
-  if (head.dwOldest >= head.dwBaskets) head.dwOldest = 0;
   file->WriteAt(0, &head, sizeof head, &done);
   DWORD at = sizeof head;
   for (DWORD i = 0; i < count; ++i) {

@@ -63,11 +63,6 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
     m_FsHdr.dwBaskets = whole;
   }
 
-  // A ring position beyond the records would send the recorder and the
-  // readers outside the catalogue.
-  if (m_FsHdr.dwBaskets > 0 && m_FsHdr.dwCurrent >= m_FsHdr.dwBaskets) m_FsHdr.dwCurrent = 0;
-  if (m_FsHdr.dwBaskets > 0 && m_FsHdr.dwOldest >= m_FsHdr.dwBaskets) m_FsHdr.dwOldest = 0;
-
   std::shared_ptr<BasketList> records;
   try {
     records = std::make_shared<BasketList>(m_FsHdr.dwBaskets);
@@ -91,7 +86,39 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
   }
   m_ppBasket = std::move(records);
   file.Close();
+  PlaceRingInList();
   return FS_OK;
+}
+
+void CMOLRA::PlaceRingInList() {
+  const DWORD baskets = m_FsHdr.dwBaskets;
+  if (baskets == 0) return;
+  if (m_FsHdr.dwCurrent >= baskets) {
+    // Damage: the newest recording shows where the ring's head must be.
+    DWORD newest = 0;
+    SYSTEMTIME newestLast = (*m_ppBasket)[0].stLast;
+    for (DWORD n = 1; n < baskets; ++n) {
+      const SYSTEMTIME last = (*m_ppBasket)[n].stLast;
+      if (CompareSystemTime(&last, &newestLast, 0) > 0) {
+        newest = n;
+        newestLast = last;
+      }
+    }
+    if (m_nMode == 0) {
+      char line[160];
+      std::snprintf(line, sizeof line,
+                    "catalogue: current basket %u lies past the %u records; recording goes on in "
+                    "basket %u, the newest",
+                    static_cast<unsigned>(m_FsHdr.dwCurrent), static_cast<unsigned>(baskets),
+                    static_cast<unsigned>(newest));
+      FsStatusLog(line);
+    }
+    m_FsHdr.dwCurrent = newest;
+  }
+  // Deleting a basket below the oldest one can leave the oldest position
+  // past the list; in a ring that has wrapped the oldest basket is the one
+  // behind the current.
+  if (m_FsHdr.dwOldest >= baskets) m_FsHdr.dwOldest = (m_FsHdr.dwCurrent + 1) % baskets;
 }
 
 LONG CMOLRA::SaveFSInfo(LONG basket) { return SaveCatalogue(basket, false); }

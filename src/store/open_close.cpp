@@ -47,6 +47,8 @@ bool CloseWithRetries(File& file, int* retries) {
 }  // namespace
 
 LONG CMOLRA::OpenFS(LONG mode) {
+  // Only recording (0) and playback (1) exist; anything else changes nothing.
+  if (mode != 0 && mode != 1) return FS_ERR_PARAM;
   CloseFS();
   m_nMode = mode;
   const LONG loaded = LoadFSInfo(-1);

@@ -27,6 +27,7 @@ void Fields(const SYSTEMTIME& t, unsigned out[7]) {
 }  // namespace
 
 LONG CMOLRA::CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level) {
+  if (a == nullptr || b == nullptr) return 0;  // no stamp orders nothing
   const int count = FieldsOf(level);
   unsigned fa[7];
   unsigned fb[7];
@@ -57,6 +58,7 @@ LONG CMOLRA::CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG le
 
 int CMOLRA::IntervalSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG /*level*/) {
   namespace platform = molra::platform;
+  if (a == nullptr || b == nullptr) return 0;  // as for a date that does not exist
   if (!platform::DateTimeExists(a->wYear, a->wMonth, a->wDay, 0, 0, 0) ||
       !platform::DateTimeExists(b->wYear, b->wMonth, b->wDay, 0, 0, 0)) {
     return 0;

@@ -53,10 +53,10 @@ bool CMOLRA::HoldsAt(DWORD basket, const SYSTEMTIME& time, LONG level) {
 }
 
 LONG CMOLRA::GetSaveDateInfo(LONG year, LONG month, int* days, LONG count) {
-  if (days != nullptr && count > 0) std::memset(days, 0, sizeof(int) * static_cast<size_t>(count));
+  if (days == nullptr || count < 0) return FS_ERR_PARAM;
+  std::memset(days, 0, sizeof(int) * static_cast<size_t>(count));
   const LONG start = TimelineStart();
   if (start != FS_OK) return start;
-  if (days == nullptr) return FS_OK;
   const SYSTEMTIME asked = Stamp(year, month, 0);
   // The caller's array has room for every day of the month asked.
   const int monthDays = CZoneClock::LastDayOfMonth(asked.wYear, asked.wMonth);
@@ -91,8 +91,9 @@ LONG CMOLRA::GetSaveDateInfo(LONG year, LONG month, int* days, LONG count) {
             SYSTEMTIME local = Stamp(static_cast<LONG>(head.dwYear), static_cast<LONG>(head.dwMonth),
                                      static_cast<LONG>(head.dwDay), hour);
             ChangeSystemToLocalTime(local, 1);
+            // A month longer than the caller's array marks only what fits.
             if (local.wYear == asked.wYear && local.wMonth == asked.wMonth && local.wDay >= 1 &&
-                local.wDay <= monthDays) {
+                local.wDay <= monthDays && local.wDay <= count) {
               days[local.wDay - 1] = 1;
             }
           }
@@ -108,11 +109,12 @@ LONG CMOLRA::GetSaveDateInfo(LONG year, LONG month, int* days, LONG count) {
 
 LONG CMOLRA::GetSaveTimeInfo(LONG year, LONG month, LONG day, LONG /*unused*/, DWORD* cells,
                              CWnd* progress) {
-  if (cells != nullptr) std::memset(cells, 0, 16 * 24 * sizeof(DWORD));
+  if (cells == nullptr) return FS_ERR_PARAM;
+  std::memset(cells, 0, 16 * 24 * sizeof(DWORD));
   const LONG start = TimelineStart();
   if (start != FS_OK) return start;
   const DWORD baskets = m_FsHdr.dwBaskets;
-  if (baskets == 0 || cells == nullptr) return FS_OK;
+  if (baskets == 0) return FS_OK;
   const SYSTEMTIME asked = Stamp(year, month, day);
 
   DWORD i = 0;

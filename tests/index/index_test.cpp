@@ -211,9 +211,12 @@ TEST_F(IndexTest, AReaderClosingLeavesTheRecordersTreeAndAResetEmptiesIt) {
   ASSERT_EQ(recorder.Close(), 1);
   ASSERT_EQ(recorder.Open(kPath, 2, 1), 1);
   EXPECT_EQ(Head(), (Fields{1, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(recorder.Next(nullptr, nullptr) + recorder.Prev(nullptr, nullptr), 0);
+  // The cursor outlives the open, and a step from it reads the nodes still
+  // in the file; no lookup of the empty tree finds them, nor moves it.
+  EXPECT_EQ(recorder.Next(nullptr, nullptr), 1);
   EXPECT_EQ(recorder.First(nullptr, nullptr) + recorder.Last(nullptr, nullptr), 0);
   for (const auto& k : kChain) EXPECT_EQ(recorder.Find(k.c_str(), nullptr, -1), 0) << k;
+  EXPECT_EQ(recorder.Cursor(), At(1));
   ASSERT_EQ(recorder.Insert(Key(10, 0, 0).c_str(), {}), 1);
   EXPECT_EQ(Head(), (Fields{1, At(0), At(0), At(0), At(0), 1}));
   EXPECT_EQ(LinksAt(At(0)), (Links{0, 0, 0}));

@@ -111,6 +111,36 @@ TEST_F(StepTest, AWalkRoundADamagedTreeEnds) {
   EXPECT_EQ(Step(5), "#6");
 }
 
+TEST_F(StepTest, AFailedSeekLeavesTheReaderOnTheLastNodeItHandedOut) {
+  // Key frames in two baskets, with a second missing inside each.
+  ASSERT_NO_FATAL_FAILURE(Make(2));
+  Save(0, At(10, 0, 1), true);
+  Save(1, At(10, 0, 3), true);
+  NextBasket();
+  Save(0, At(10, 0, 5), true);
+  Save(1, At(10, 0, 7), true);
+  Play();
+  // The cursor keeps its offset also where the failed seek opened another
+  // basket: the step goes on from that offset there.
+  const struct {
+    WORD found, missing;  // the seconds of a seek that finds, then of one that fails
+    const char *next, *prev, *skip;
+  } rows[] = {
+      {3, 2, "c0 10:00:05", "c0 10:00:01", "c0 10:00:05"},   // the same basket
+      {1, 6, "c1 10:00:07", "c1 10:00:03", "c1 10:00:07"},   // another basket
+      {3, 40, "c0 10:00:05", "c0 10:00:01", "c0 10:00:05"},  // no basket
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.found << " then " << row.missing);
+    for (int move = 0; move < 3; ++move) {
+      ASSERT_NE(Seek(-1, At(10, 0, row.found), true), "#6");
+      ASSERT_EQ(Seek(-1, At(10, 0, row.missing), true), "#6");
+      EXPECT_EQ(move == 0 ? Step(-1) : move == 1 ? Step(-1, false) : Skip(1),
+                move == 0 ? row.next : move == 1 ? row.prev : row.skip);
+    }
+  }
+}
+
 // Runs `work` with a recorder of its own in a child process.
 bool InAnotherProcess(void (*work)(Player&)) {
   const pid_t pid = ::fork();

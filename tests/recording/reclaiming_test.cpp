@@ -149,6 +149,12 @@ const AgeCase kAgeCases[] = {
     {"StartingOnTheCutOffDayIsCut", {{15}, {16}, {0}, {19}}, 3, 1, 'c'},
     {"CutOffBeforeTheStartKeepsAll", {{15}, {16}, {0}, {19}}, 4, 0, 'k'},
     {"NeverUsedLastBasketGoesAndWraps", {{15}, {0}, {19}}, 1000, 1, 'e', 2},
+    // A cut-off is a date from year 1 on (734,092 days back is 0001-01-02);
+    // a retention reaching further keeps everything.
+    {"CutOffInYearOneStillAges", {{15}, {0}, {19}}, 734092, 1, 'e', 2},
+    {"CutOffBeforeYearOneKeepsAll", {{15}, {0}, {19}}, 734093, 0, 'k', 2},
+    {"RetentionOf800000DaysKeepsAll", {{15}, {16}, {0}, {19}}, 800000, 0, 'k'},
+    {"LargestRetentionKeepsAll", {{15}, {16}, {0}, {19}}, 0xFFFFFFFF, 0, 'k'},
     // Erasing shares the files with writers only.
     {"OpenForTheRecorderStays", {{14}, {15}}, 0, 1, 'k', 0, 'r'},
     {"OpenForPlaybackStays", {{14}, {15}}, 0, 1, 'k', 0, 'p'},
@@ -233,6 +239,7 @@ struct DelCase {
   LONG number, result;
   std::array<DWORD, 3> head;  // count, current, oldest afterwards
   std::vector<int> left;      // the baskets listed afterwards, in order
+  std::array<DWORD, 2> loaded = {};  // current, oldest as a load places them
 };
 class ReclaimDelete : public ReclaimTest, public ::testing::WithParamInterface<DelCase> {};
 
@@ -252,6 +259,12 @@ TEST_P(ReclaimDelete, TakesBasketsOutOfTheCatalogueFileAndDeletesTheirFiles) {
     want += old.substr(want.size());  // old records stay behind the list
   }
   EXPECT_TRUE(Catalogue() == want);
+  if (p.result == FS_OK) {
+    StoreProbe reader;
+    reader.CallLoadFSinfo();
+    EXPECT_EQ((std::array<DWORD, 2>{reader.GetFSInfo()->dwCurrent, reader.GetFSInfo()->dwOldest}),
+              p.loaded);
+  }
   for (int n = 0; n < 3; ++n) {
     const bool stays = p.result != FS_OK || n >= static_cast<int>(p.held) ||
                        std::count(p.left.begin(), p.left.end(), n) > 0;
@@ -262,9 +275,14 @@ TEST_P(ReclaimDelete, TakesBasketsOutOfTheCatalogueFileAndDeletesTheirFiles) {
 
 const DelCase kDelCases[] = {
     {"AllHeld", 2, 3, 1, 1, -1, FS_OK, {0, 0, 0}, {}},
-    {"LastWithTheCurrentOnIt", 3, 3, 2, 0, 2, FS_OK, {2, 1, 0}, {0, 1}},
-    {"FirstOfThree", 3, 3, 1, 2, 0, FS_OK, {2, 1, 0}, {1, 2}},
-    {"FirstOfTheHeldCurrentPastThem", 2, 3, 2, 0, 0, FS_OK, {1, 0, 0}, {1}},
+    {"LastWithTheCurrentOnIt", 3, 3, 2, 0, 2, FS_OK, {2, 1, 0}, {0, 1}, {1, 0}},
+    // The oldest position stays, past the list: a load takes the basket
+    // behind the current one.
+    {"FirstOfThree", 3, 3, 1, 2, 0, FS_OK, {2, 1, 2}, {1, 2}, {1, 0}},
+    {"OldestAtTheEnd", 3, 3, 1, 2, 2, FS_OK, {2, 1, 2}, {0, 1}, {1, 0}},
+    // A current position past the records: the newest basket (all are
+    // empty here, so the first).
+    {"FirstOfTheHeldCurrentPastThem", 2, 3, 2, 0, 0, FS_OK, {1, 2, 0}, {1}, {0, 0}},
     {"TheOnlyOne", 1, 1, 0, 0, 0, FS_OK, {0, 0, 0}, {}},
     {"Negative", 3, 3, 1, 1, -2, FS_ERR_PARAM, {}, {}},
     {"PastTheHeld", 2, 3, 1, 1, 2, FS_ERR_PARAM, {}, {}},

@@ -64,15 +64,18 @@ TEST_F(CatalogueTest, CopiesShareTheRecordsAndReleaseThemOnce) {
 TEST_F(CatalogueTest, LoadKeepsToTheCountedWholeRecordsWhateverTheMagic) {
   // The catalogue has shrunk: its third record is stale, and so is the
   // ring, which pointed at it.
-  Bytes bytes = CatalogueBytes(2, 2, 2, kThree);
+  std::vector<_tagFSBSKINFO> three = kThree;
+  three[1].stLast = SYSTEMTIME{2010, 11, 4, 18, 9, 0, 5, 0};
+  Bytes bytes = CatalogueBytes(2, 2, 2, three);
   std::memcpy(bytes.data(), "XYZZY9", 6);
   WriteCatalogue(bytes);
   StoreProbe store;
   store.CallLoadFSinfo();
-  bytes[12] = bytes[16] = 0;
+  bytes[12] = 1;  // the head goes to the newest recording,
+  bytes[16] = 0;  // the tail to the basket behind it
   EXPECT_EQ(Head(store), bytes.substr(0, 32));
   ASSERT_EQ(store.m_ppBasket ? store.m_ppBasket->size() : 0, 2u);
-  EXPECT_EQ(std::memcmp(store.m_ppBasket->data(), kThree.data(), 2 * sizeof kThree[0]), 0);
+  EXPECT_EQ(std::memcmp(store.m_ppBasket->data(), three.data(), 2 * sizeof three[0]), 0);
 
   // A count past the end of the file, and a path without its terminator.
   const std::string longPath(64, 'A');

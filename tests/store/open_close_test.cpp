@@ -76,7 +76,7 @@ TEST_F(OpenCloseTest, OpenFSClosesAndOpensTheCurrentBasket) {
   const SYSTEMTIME last{2010, 11, 4, 18, 9, 0, 5, 0};
   store.Basket(1)->stLast = last;
   fs::resize_file(Path(1, ".CDT"), 1 << 20);  // tells the two data files apart
-  const struct { LONG mode; DWORD current; } rows[] = {{0, 0}, {1, 1}, {5, 0}, {0, 1}};
+  const struct { LONG mode; DWORD current; } rows[] = {{0, 0}, {1, 1}, {0, 1}};
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << "mode " << row.mode << " basket " << row.current);
     store.GetFSInfo()->dwCurrent = row.current;
@@ -93,6 +93,10 @@ TEST_F(OpenCloseTest, OpenFSClosesAndOpensTheCurrentBasket) {
     _tagDATAHDR next{};
     ASSERT_TRUE(store.m_pData->Read(&next, sizeof next));
     EXPECT_EQ(std::memcmp(&next, &store.m_DataHdr, sizeof next) == 0, row.mode == 0);
+    // A mode that does not exist is refused and the store stays as it is.
+    for (const LONG mode : {-1L, 2L, 5L}) EXPECT_EQ(store.OpenFS(mode), FS_ERR_PARAM);
+    EXPECT_EQ(std::make_tuple(store.Files(), store.m_nMode, store.m_nOpenBasket),
+              std::make_tuple("111", row.mode, static_cast<LONG>(row.current)));
   }
 }
 
@@ -116,11 +120,11 @@ TEST_F(OpenCloseTest, OpenFSFailsOnEachBasketFileOrTheCatalogueAndOpensOnceTheyA
 
   // Without a catalogue, or with one that counts no basket.
   fs::remove(CataloguePath());
-  EXPECT_EQ(store.OpenFS(4), FS_ERR_CATALOG);
+  EXPECT_EQ(store.OpenFS(1), FS_ERR_CATALOG);
   EXPECT_EQ(FileSize(CataloguePath()), 0);  // left behind, empty
   EXPECT_EQ(Store().CreateFS(nullptr, 0), FS_OK);  // a head that counts no basket
-  EXPECT_EQ(store.OpenFS(3), FS_ERR_CATALOG);
-  EXPECT_EQ(std::make_tuple(store.m_nMode, store.Files()), std::make_tuple(3, "---"));
+  EXPECT_EQ(store.OpenFS(0), FS_ERR_CATALOG);
+  EXPECT_EQ(std::make_tuple(store.m_nMode, store.Files()), std::make_tuple(0, "---"));
 }
 
 TEST_F(OpenCloseTest, CloseFSReleasesTheFilesAndKeepsTheRingAndTheFlags) {
