@@ -14,6 +14,7 @@
 
 #include "cpu_time.h"
 #include "molra/molra.h"
+#include "molra/platform.h"
 #include "platform/env.h"
 
 namespace {
@@ -73,7 +74,7 @@ Run Record(const std::vector<Frame>& stream, const std::vector<BYTE>& payload) {
   for (const Frame& f : stream) {
     _tagCHUNKHDR header = f.header;
     DWORD remaining = 0;
-    if (store.SaveData(&header, const_cast<BYTE*>(payload.data()), &remaining, 0) != FS_OK) {
+    if (store.SaveData(&header, payload.data(), &remaining, 0) != FS_OK) {
       std::fprintf(stderr, "save failed\n");
       std::exit(1);
     }
@@ -148,8 +149,14 @@ int main(int argc, char** argv) {
     }
     const Run plain = Append(stream, payload);
     const Run store = Record(stream, payload);
+    // The same stream with the recorder flushing every second and at
+    // every rollover.
+    molra::platform::SetFlushInterval(1);
+    const Run flushed = Record(stream, payload);
+    molra::platform::SetFlushInterval(0);
     Print("plain append", plain, stream.size(), nullptr);
     Print("SaveData", store, stream.size(), &plain);
+    Print("flush 1 s", flushed, stream.size(), &plain);
     std::printf("%-14s rollovers %d\n", "", store.rollovers);
     std::error_code ignored;
     std::filesystem::remove_all(dir, ignored);

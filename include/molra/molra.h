@@ -6,10 +6,12 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "molra/export.h"
 #include "molra/platform.h"
 #include "molra/records.h"
 #include "molra/types.h"
@@ -19,7 +21,7 @@ class CFsIndex;
 class CZoneClock;
 struct _tagIDXREF;
 
-class CMOLRA {
+class MOLRA_API CMOLRA {
  public:
   CMOLRA();
   // A copy shares the original's open files and catalogue records:
@@ -51,8 +53,11 @@ class CMOLRA {
   // recording, or a write or the index refused the chunk), FS_ERR_FILE
   // (not open), FS_ERR_INDEX (no basket of the ring could be opened), or
   // FS_ERR_PARAM (a channel outside 0 to 15, a stamp whose month, day,
-  // hour or minute is out of range, or no payload) with nothing touched.
-  LONG SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int unused);
+  // hour or minute is out of range, a payload longer than 811,008 bytes,
+  // which no reader accepts, or no payload) with nothing touched. Every
+  // failed disk write leaves a line in the status log; a damaged current
+  // basket is set right, or left for the next, when the recorder opens.
+  LONG SaveData(_tagCHUNKHDR* chunk, const void* payload, DWORD* remaining, int unused);
 
   // Playback, for an object opened with OpenFS(1). A seek finds the first
   // chunk recorded at a minute (second 0: any second of it) or at a second,
@@ -165,7 +170,10 @@ class CMOLRA {
   LONG LoadFSInfo(LONG unused);
   // Brings ring positions that lie past the list in memory back into it.
   void PlaceRingInList();
-  LONG SaveFSInfo(LONG basket);  // -1: the head and every record
+  // -1: the head and every record. FS_ERR_CATALOG when the file cannot be
+  // opened or a write fails (logged); a recorder then writes every record
+  // again at its next save.
+  LONG SaveFSInfo(LONG basket);
   // SaveFSInfo, optionally with basket n's record written before the head.
   LONG SaveCatalogue(LONG basket, bool recordFirst);
   LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
@@ -187,6 +195,11 @@ class CMOLRA {
   void EraseErrorBasket();
   // Moves recording on to the next basket of the ring and resets it.
   LONG RollOver();
+  // Forces what the recorder wrote to the disk: data, index, day tables,
+  // catalogue, in that order. FlushIfDue does it when the host's interval
+  // has passed since the last time.
+  void FlushRecording();
+  void FlushIfDue();
   // The two roads of ageing basket b against a cut-off date "yyyymmdd".
   int EraseOldest(DWORD basket, _tagFSBSKINFO* info);
   int CutOldest(DWORD basket, const std::string& cutOff, _tagFSBSKINFO* info);
@@ -314,4 +327,7 @@ class CMOLRA {
   SYSTEMTIME m_stLastRead;
   // Key frames met per channel in the second of m_stLastRead.
   signed char m_ChanHits[32];
+  // A catalogue write failed since the last one of every record.
+  bool m_bCatalogueStale = false;
+  std::int64_t m_lastFlushMs = 0;  // UTC milliseconds of the recorder's last flush
 };

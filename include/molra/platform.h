@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 
+#include "molra/export.h"
 #include "molra/types.h"
 
 namespace molra {
@@ -17,21 +18,30 @@ namespace platform {
 // Drive `letter` (either case) maps to `directory`. A drive whose root is
 // not set lies in "molra-drives/<letter>" below the current directory.
 // A root that does not exist yet is made when the store first uses it.
-void SetDriveRoot(char letter, const std::string& directory);
+MOLRA_API void SetDriveRoot(char letter, const std::string& directory);
 
 // The zone the store converts with; nullptr returns to the machine's own.
-void SetTimeZone(const TIME_ZONE_INFORMATION* zone);
+MOLRA_API void SetTimeZone(const TIME_ZONE_INFORMATION* zone);
 
 // A fixed current time in UTC for every clock read of the store; nullptr
 // returns to the real clock.
-void SetClock(const SYSTEMTIME* utcNow);
+MOLRA_API void SetClock(const SYSTEMTIME* utcNow);
 
 // Called once per message step during long walks, so that a host's window
 // stays alive. The default does nothing.
-void SetMessageHook(std::function<void()> hook);
+MOLRA_API void SetMessageHook(std::function<void()> hook);
 
 // Receives message-box texts. The default writes them to standard error.
-void SetMessageBoxHook(std::function<void(const char*)> hook);
+MOLRA_API void SetMessageBoxHook(std::function<void(const char*)> hook);
+
+// How often a recorder forces what it wrote to the disk. The store orders
+// its writes so that a crash of the process loses nothing it reported
+// saved, but a power cut can lose any write still in the page cache. With
+// `seconds` above 0 a recorder flushes the data file, then the index, the
+// day tables and the catalogue, whenever it leaves a basket and after the
+// first save that comes `seconds` or more after the last flush. 0 (the
+// default) never flushes.
+MOLRA_API void SetFlushInterval(DWORD seconds);
 
 }  // namespace platform
 }  // namespace molra

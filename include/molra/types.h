@@ -11,6 +11,8 @@
 #include <ctime>
 #include <string>
 
+#include "molra/export.h"
+
 typedef std::uint8_t BYTE;
 typedef std::uint16_t WORD;
 typedef std::uint32_t DWORD;
@@ -94,7 +96,7 @@ class CTimeSpan {
 // A whole count of seconds since the Unix epoch. Local readings and local
 // fields are in the store's zone (molra::platform::SetTimeZone, else the
 // machine's), with its daylight rule applied to every year.
-class CTime {
+class MOLRA_API CTime {
  public:
   CTime() = default;
   explicit CTime(std::int64_t seconds) : m_time(seconds) {}
@@ -136,7 +138,8 @@ class CTime {
 
 // A window of the host. The store only ever sets its text (a progress
 // figure); the default keeps the text so that a host can read it back.
-class CWnd {
+// Exported whole: a host derives from it and hands it to the store.
+class MOLRA_API CWnd {
  public:
   virtual ~CWnd() = default;
   virtual void SetWindowText(const char* text) { m_strText = text ? text : ""; }

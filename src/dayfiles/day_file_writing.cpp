@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "dayfiles/day_file_paths.h"
+#include "disk/status_log.h"
 #include "molra/molra.h"
 #include "platform/clock.h"
 #include "platform/env.h"
@@ -52,13 +53,15 @@ int CMOLRA::InitSaveTime() {
       std::memset(saved.chHour, 0, sizeof saved.chHour);
       DWORD done = 0;
       if (!file->Write(&saved, sizeof saved, &done) || done != sizeof saved) {
+        molra::LogIoFailure("write", path, row * static_cast<DWORD>(sizeof saved),
+                            platform::GetLastError());
         file->Close();
         return 0;  // the files made so far stay
       }
     }
     // One flush per file: the rows are on disk before the next file starts.
-    file->Flush();
-    file->Close();
+    if (!file->Flush()) molra::LogIoFailure("flush", path, 0, platform::GetLastError());
+    if (!file->Close()) molra::LogIoFailure("close", path, 0, platform::GetLastError());
   }
   return 1;
 }
@@ -82,8 +85,12 @@ int CMOLRA::SaveTimeWriteEx(SYSTEMTIME st, char chChannel) {
   row.chHour[st.wHour] = molra::kMarked;
   const char mark = molra::kMarked;
   DWORD done = 0;
-  file->WriteAt(static_cast<DWORD>(channel) * sizeof(_tagSTIROW) + st.wHour + 1, &mark, 1, &done);
-  file->Close();
+  // The mark is 1 as the day file's open was; a lost byte is logged.
+  const DWORD at = static_cast<DWORD>(channel) * sizeof(_tagSTIROW) + st.wHour + 1;
+  if (!file->WriteAt(at, &mark, 1, &done) || done != 1) {
+    molra::LogIoFailure("write", path, at, platform::GetLastError());
+  }
+  if (!file->Close()) molra::LogIoFailure("close", path, 0, platform::GetLastError());
   return 1;
 }
 

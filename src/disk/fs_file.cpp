@@ -27,6 +27,7 @@ int CFsFile::Open(char const* path, int mode) {
   const platform::Access access = mode == kModeReadWrite ? platform::Access::kReadWrite
                                   : mode == kModeWrite   ? platform::Access::kWrite
                                                          : platform::Access::kRead;
+  m_path = path;
   char line[400];
   for (int retries = 0;;) {
     // A handle the object still held is released here rather than leaked.
@@ -93,7 +94,15 @@ int CFsFile::Read(void* buffer, DWORD count) {
 int CFsFile::Write(const void* buffer, DWORD count) {
   if (!IsOpen()) return 0;
   DWORD done = 0;
-  return m_hFile->Write(buffer, count, &done) && done == count ? 1 : 0;
+  const bool ok = m_hFile->Write(buffer, count, &done);
+  if (ok && done == count) return 1;
+  // A write that stops short without an error has run out of room.
+  if (ok) platform::SetLastError(platform::kErrorDiskFull);
+  const DWORD error = platform::GetLastError();
+  const DWORD here = m_hFile->Seek(0, platform::kFileCurrent);
+  platform::SetLastError(error);
+  LogFailure("write", here == platform::kInvalidSetFilePointer ? here : here - done);
+  return 0;
 }
 
 int CFsFile::ReadAt(DWORD offset, void* buffer, DWORD count) {
@@ -105,7 +114,11 @@ int CFsFile::ReadAt(DWORD offset, void* buffer, DWORD count) {
 int CFsFile::WriteAt(DWORD offset, const void* buffer, DWORD count) {
   if (!IsOpen()) return 0;
   DWORD done = 0;
-  return m_hFile->WriteAt(offset, buffer, count, &done) && done == count ? 1 : 0;
+  const bool ok = m_hFile->WriteAt(offset, buffer, count, &done);
+  if (ok && done == count) return 1;
+  if (ok) platform::SetLastError(platform::kErrorDiskFull);
+  LogFailure("write", offset);
+  return 0;
 }
 
 int CFsFile::Seek(DWORD offset, int origin) {
@@ -120,7 +133,11 @@ int CFsFile::Seek(DWORD offset, int origin) {
     method = platform::kFileCurrent;
   }
   const DWORD position = m_hFile->Seek(static_cast<LONG>(offset), method);
-  return position != platform::kInvalidSetFilePointer && position == offset ? 1 : 0;
+  if (position == platform::kInvalidSetFilePointer) {
+    LogFailure("seek", offset);
+    return 0;
+  }
+  return position == offset ? 1 : 0;
 }
 
 DWORD CFsFile::GetSize() {
@@ -129,11 +146,34 @@ DWORD CFsFile::GetSize() {
   return size == platform::kInvalidFileSize ? 0 : size;
 }
 
+int CFsFile::Reserve(DWORD size) {
+  if (!IsOpen()) return 0;
+  if (m_hFile->Reserve(size)) return 1;
+  LogFailure("reserve", size);
+  return 0;
+}
+
 int CFsFile::CreateSized(char const* path, DWORD size) {
   if (IsOpen()) Close();
+  m_path = path;
   m_hFile = OpenShared(path, platform::Access::kReadWrite);
   if (!m_hFile) return 0;
   // A size the 32-bit seek cannot reach must not cut the file to nothing.
-  if (m_hFile->Seek(static_cast<LONG>(size), platform::kFileBegin) != size) return 0;
-  return m_hFile->SetEnd() ? 1 : 0;
+  // Blocks come before length: a file system that can only write zeros
+  // then fills the whole file, not just what lies past an old end.
+  if (!Seek(size, 0) || !Reserve(size) || !Seek(size, 0)) return 0;
+  if (m_hFile->SetEnd()) return 1;
+  LogFailure("set end", size);
+  return 0;
+}
+
+int CFsFile::Flush() {
+  if (!IsOpen()) return 0;
+  if (m_hFile->Flush()) return 1;
+  LogFailure("flush", 0);
+  return 0;
+}
+
+void CFsFile::LogFailure(const char* operation, DWORD offset) const {
+  molra::LogIoFailure(operation, m_path.c_str(), offset, platform::GetLastError());
 }

@@ -1,9 +1,12 @@
 // The file wrapper through which the store does its disk work: opens with
 // retries on a sharing violation, exact reads and writes, 32-bit seeks,
-// and preallocated files of a fixed size.
+// and preallocated files of a fixed size. A failed write, seek or
+// reservation leaves one line in the status log; a short read does not,
+// since reading up to the end of a file is normal.
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "molra/types.h"
 #include "platform/env.h"
@@ -36,10 +39,23 @@ class CFsFile {
   // position equals `offset`.
   int Seek(DWORD offset, int origin);
   DWORD GetSize();
-  // Opens or makes the file and sets its length without writing; the file
-  // stays open with the position at `size`.
+  // Forces what was written to the disk; 1 when it got there.
+  int Flush();
+  // Gives the first `size` bytes disk blocks of their own, so that writes
+  // within them cannot fail for want of room. Never cuts; changes no byte;
+  // a shorter file grows to `size` with zeros. The position afterwards is
+  // unspecified.
+  int Reserve(DWORD size);
+  // Opens or makes the file, reserves its blocks and sets its length; the
+  // file stays open with the position at `size`.
   int CreateSized(char const* path, DWORD size);
 
  protected:
   std::unique_ptr<molra::platform::File> m_hFile;  // null: no file open
+
+ private:
+  // Logs the failed `operation` at `offset` with the thread's last error.
+  void LogFailure(const char* operation, DWORD offset) const;
+
+  std::string m_path;  // of the file last opened, for the log
 };

@@ -35,6 +35,13 @@ void AppendLogLine(char const* logPath, char const* text) {
   AppendLogText(logPath, line.c_str());
 }
 
+void LogIoFailure(const char* operation, const char* path, DWORD offset, DWORD error) {
+  const std::string line = std::string("fail to ") + operation + " " + (path ? path : "") +
+                           " at " + std::to_string(offset) + " : error " +
+                           std::to_string(error);
+  FsStatusLog(line.c_str());
+}
+
 }  // namespace molra
 
 void FsStatusLog(char const* text) { molra::AppendLogLine("c:\\FSDIR\\status.dat", text); }

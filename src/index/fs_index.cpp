@@ -112,12 +112,22 @@ int CFsIndex::Open(char const* path, int mode, int reset) {
   // The cursor stays: after a failed lookup a reader steps on from the
   // last node it handed out, whichever basket that was in.
   m_bWrote = false;
+  m_bRebuilt = m_bFreshened = false;
   if (GetSize() >= sizeof(_tagIDXHDR) && !reset) {
     if (!ReadHeader(&m_Hdr)) {
       CFsFile::Close();
       return 0;
     }
     if (m_Hdr.wVersion == kIndexVersion && m_Hdr.cMagic[0] == 'Y' && m_Hdr.cMagic[1] == 'K') {
+      return 1;
+    }
+    // A foreign header over a tree of nodes is damage, not a new file: a
+    // fresh header would cut every node off and let the next inserts
+    // overwrite them. The tree is taken from its nodes, in memory only.
+    molra::IndexRepair repair;
+    if (Check(nullptr, 0, false, &repair) && repair.kept != 0) {
+      m_Hdr = repair.header;
+      m_bRebuilt = true;
       return 1;
     }
   }
@@ -127,6 +137,7 @@ int CFsIndex::Open(char const* path, int mode, int reset) {
     CFsFile::Close();
     return 0;
   }
+  m_bFreshened = !reset;
   return 1;
 }
 

@@ -7,10 +7,35 @@
 // order. Out-of-order keys descend from the first node.
 #pragma once
 
+#include <utility>
 #include <vector>
 
 #include "disk/fs_file.h"
 #include "index/index_format.h"
+
+namespace molra {
+
+// What a check of a tree against its header (and its basket's data file)
+// found, and what sets it right. Offsets are those of the .CIN file.
+struct IndexRepair {
+  _tagIDXHDR header{};  // the header the nodes call for
+  // Nodes to write back whole, children before their parents.
+  std::vector<std::pair<DWORD, _tagIDXNODE>> nodes;
+  bool headerChanged = false;
+  bool rebuilt = false;  // the header said nothing of the tree: rebuilt from the nodes
+  DWORD kept = 0;        // nodes the tree holds afterwards, new ones included
+  DWORD lost = 0, lostFrom = 0;          // nodes the header names that damage took
+  DWORD dropped = 0, droppedFrom = 0;    // tail nodes whose chunk is not theirs
+  DWORD relinked = 0, relinkedAt = 0;    // lost links set again; the first parent
+  DWORD cleared = 0, clearedAt = 0;      // links out of the tree; the first node
+  DWORD reentered = 0, reenteredFrom = 0;  // chunks entered again from the data
+  // Where the chunk of the last node ends: where data may go on.
+  DWORD chunkEnd = sizeof(_tagDATAHDR);
+
+  bool Needed() const { return headerChanged || !nodes.empty(); }
+};
+
+}  // namespace molra
 
 class CFsIndex : public CFsFile {
  public:
@@ -20,7 +45,8 @@ class CFsIndex : public CFsFile {
   ~CFsIndex() override;
 
   // Opens the file; a short or foreign header, or `reset`, gives a fresh
-  // empty tree. A valid header is believed as it stands.
+  // empty tree, but a foreign header over a tree of nodes is rebuilt from
+  // them in memory only. A valid header is believed as it stands.
   int Open(char const* path, int mode, int reset);
   // Marks the header closed and closes the file. An object that has never
   // written the header marks only the open word, so that a reader's stale
@@ -29,6 +55,19 @@ class CFsIndex : public CFsFile {
   // Enters `key` (20 characters). A duplicate found by a descent is
   // refused; a key with the top bit of dwInfo set is appended unseen.
   int Insert(const char* key, const _tagIDXREF& ref);
+
+  // Recovery. Check reads the tree as its nodes hold it, in order of
+  // arrival, and works out what damage has broken; it writes nothing.
+  // With `data` it also tests the chunks of the last nodes and, where
+  // damage took nodes, enters again the chunks behind the last one that
+  // end exactly at `writePos`; `saved`: the basket's record counts chunks
+  // of this cycle, so an empty tree lost them too. Apply takes the repair
+  // into memory and, with `write`, into the file: nodes first, the header
+  // last.
+  int Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepair* repair);
+  int Apply(const molra::IndexRepair& repair, bool write);
+  // Open found a foreign header over nodes and rebuilt it in memory only.
+  bool Rebuilt() const { return m_bRebuilt; }
 
   // Unsigned byte compare of the first `n` characters (-1: all 20).
   static int CompareKey(const char* a, const char* b, int n);
@@ -96,6 +135,8 @@ class CFsIndex : public CFsFile {
   _tagIDXHDR m_Hdr;
   DWORD m_dwCursor = 0;
   bool m_bWrote = false;  // this object has written the header
+  bool m_bRebuilt = false;    // the header in memory is not the file's
+  bool m_bFreshened = false;  // Open put a fresh header over a short or foreign one
   DWORD m_dwReadAhead;
   NodeBlock m_Scan;
   NodeBlock m_Run;

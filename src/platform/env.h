@@ -95,6 +95,14 @@ class File {
   virtual DWORD Seek(LONG distance, DWORD origin) = 0;
   // Cuts or extends the file to the current position, writing no data.
   virtual bool SetEnd() = 0;
+  // Gives the first `size` bytes of the file disk blocks of their own, so
+  // that no later write within them can fail for want of room. Changes no
+  // byte and never cuts: a shorter file grows to `size` with zeros. Fails
+  // with kErrorDiskFull when the drive has no room. The current position
+  // afterwards is unspecified. This base can only write zeros past the
+  // end; a backend allocates instead (a Win32 one by setting the file's
+  // allocation size, or by SetEndOfFile and writing the zeros).
+  virtual bool Reserve(DWORD size);
   virtual DWORD Size() = 0;  // kInvalidFileSize on failure
   virtual bool Flush() = 0;
   // Releases the handle. A backend whose failed close keeps the handle

@@ -1,13 +1,19 @@
 #include "platform/fault_injection.h"
 
+#include <cstring>
+#include <string>
+
 namespace molra {
 namespace platform {
 namespace {
 
 class FaultyFile final : public File {
  public:
-  FaultyFile(std::unique_ptr<File> target, FaultInjectionEnv* env)
-      : m_target(std::move(target)), m_env(env) {}
+  FaultyFile(std::unique_ptr<File> target, FaultInjectionEnv* env, const char* path)
+      : m_target(std::move(target)), m_env(env), m_path(path) {
+    const DWORD size = m_target->Size();
+    m_blocksEnd = size == kInvalidFileSize ? 0 : size;
+  }
 
   bool Read(void* buffer, DWORD count, DWORD* done) override {
     if (Failed(done)) return false;
@@ -17,6 +23,11 @@ class FaultyFile final : public File {
     if (m_env->WriteFails()) {
       *done = 0;
       SetLastError(kErrorWriteFault);
+      return false;
+    }
+    const DWORD here = m_target->Seek(0, kFileCurrent);
+    if (here != kInvalidSetFilePointer && !Grow(std::uint64_t{here} + count)) {
+      *done = 0;
       return false;
     }
     return m_target->Write(buffer, count, done);
@@ -31,6 +42,10 @@ class FaultyFile final : public File {
       SetLastError(kErrorWriteFault);
       return false;
     }
+    if (!Grow(std::uint64_t{position} + count)) {
+      *done = 0;
+      return false;
+    }
     return m_target->WriteAt(position, buffer, count, done);
   }
   DWORD Seek(LONG distance, DWORD origin) override {
@@ -43,8 +58,18 @@ class FaultyFile final : public File {
     }
     return m_target->SetEnd();
   }
+  bool Reserve(DWORD size) override {
+    if (m_env->ChangesFail()) {
+      SetLastError(kErrorWriteFault);
+      return false;
+    }
+    return Grow(size) && m_target->Reserve(size);
+  }
   DWORD Size() override { return m_target->Size(); }
-  bool Flush() override { return m_target->Flush(); }
+  bool Flush() override {
+    m_env->CountFlush(m_path.c_str());
+    return m_target->Flush();
+  }
   bool Close() override {
     DWORD error = 0;
     if (m_env->CloseFails(&error)) {
@@ -63,9 +88,28 @@ class FaultyFile final : public File {
     return true;
   }
 
+  // Takes the room for blocks up to `end` from the drive.
+  bool Grow(std::uint64_t end) {
+    if (end <= m_blocksEnd) return true;
+    if (!m_env->TakeRoom(m_path.c_str(), end - m_blocksEnd)) {
+      SetLastError(kErrorDiskFull);
+      return false;
+    }
+    m_blocksEnd = end;
+    return true;
+  }
+
   std::unique_ptr<File> m_target;
   FaultInjectionEnv* m_env;
+  const std::string m_path;
+  std::uint64_t m_blocksEnd;  // the file's blocks reach this far
 };
+
+// The index of a path's drive letter, or -1 when it names none.
+int DriveOf(const char* path) {
+  const char letter = static_cast<char>(path[0] | 0x20);
+  return letter >= 'a' && letter <= 'z' && path[1] == ':' ? letter - 'a' : -1;
+}
 
 }  // namespace
 
@@ -89,10 +133,31 @@ void FaultInjectionEnv::FailReads(DWORD count, DWORD error) {
   m_readFailures = count;
 }
 
+void FaultInjectionEnv::FillDiskAfter(char drive, DWORD bytes) {
+  const char root[] = {drive, ':', '\0'};
+  const int d = DriveOf(root);
+  if (d < 0) return;
+  std::lock_guard<std::mutex> lock(m_roomMutex);
+  m_roomLimited[d] = true;
+  m_room[d] = bytes;
+}
+
 void FaultInjectionEnv::Reset() {
   ResetWrites();
   m_closeFailures = 0;
   m_readFailures = 0;
+  std::lock_guard<std::mutex> lock(m_roomMutex);
+  for (bool& limited : m_roomLimited) limited = false;
+  m_flushes.clear();
+}
+
+bool FaultInjectionEnv::TakeRoom(const char* path, std::uint64_t bytes) {
+  const int d = DriveOf(path);
+  std::lock_guard<std::mutex> lock(m_roomMutex);
+  if (d < 0 || !m_roomLimited[d]) return true;
+  if (bytes > m_room[d]) return false;
+  m_room[d] -= bytes;
+  return true;
 }
 
 void FaultInjectionEnv::ResetWrites() {
@@ -100,6 +165,13 @@ void FaultInjectionEnv::ResetWrites() {
   m_failAt = 0;
   m_cutAt = 0;
   m_powerCut = false;
+}
+
+void FaultInjectionEnv::CountFlush(const char* path) {
+  const char* dot = std::strrchr(path, '.');
+  std::lock_guard<std::mutex> lock(m_roomMutex);
+  if (!m_flushes.empty()) m_flushes += ' ';
+  m_flushes += dot ? dot + 1 : path;
 }
 
 bool FaultInjectionEnv::WriteFails() {
@@ -144,7 +216,7 @@ std::unique_ptr<File> FaultInjectionEnv::OpenFile(const char* path, Access acces
   }
   std::unique_ptr<File> file = m_target->OpenFile(path, access, share, disposition);
   if (!file) return nullptr;
-  return std::unique_ptr<File>(new FaultyFile(std::move(file), this));
+  return std::unique_ptr<File>(new FaultyFile(std::move(file), this, path));
 }
 
 bool FaultInjectionEnv::RemoveFile(const char* path) {
@@ -174,6 +246,10 @@ bool FaultInjectionEnv::SetAttributes(const char* path, DWORD attributes) {
 bool FaultInjectionEnv::AppendText(const char* path, const char* text) {
   if (ChangesFail()) {
     SetLastError(kErrorWriteFault);
+    return false;
+  }
+  if (!TakeRoom(path, std::strlen(text))) {
+    SetLastError(kErrorDiskFull);
     return false;
   }
   return m_target->AppendText(path, text);

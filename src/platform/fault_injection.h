@@ -1,9 +1,13 @@
 // Test-only faults: an Env that passes everything on to another one but
 // fails writes on command, so that tests can cut the power in the middle
-// of a sequence of writes and check what the store finds afterwards.
+// of a sequence of writes, or fill a drive, and check what the store finds
+// afterwards.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
 
 #include "platform/env.h"
 
@@ -23,9 +27,22 @@ class FaultInjectionEnv : public Env {
   void FailCloses(DWORD count, DWORD error);
   // The next `count` reads fail with `error`, reading nothing.
   void FailReads(DWORD count, DWORD error);
+  // Drive `drive` has room for `bytes` more: a write, reservation or log
+  // text that would take more fails with kErrorDiskFull, changing nothing.
+  // A file's blocks reach from its start to the furthest byte written or
+  // reserved through this env, or to its length when it was opened;
+  // cutting or removing a file gives no room back.
+  void FillDiskAfter(char drive, DWORD bytes);
   void Reset();                  // no faults at all; the count starts again
 
   DWORD Writes() const { return m_writes.load(); }
+  // The files flushed since the last Reset, in order, by the extension of
+  // their path ("CDT", "CIN", ...).
+  std::string Flushes() {
+    std::lock_guard<std::mutex> lock(m_roomMutex);
+    return m_flushes;
+  }
+  void CountFlush(const char* path);
   bool PowerCut() const { return m_powerCut.load(); }
 
   // Counts one write; true when it is to fail.
@@ -36,6 +53,9 @@ class FaultInjectionEnv : public Env {
   bool CloseFails(DWORD* error);
   // True (with the error) when this read is to fail.
   bool ReadFails(DWORD* error);
+  // Takes `bytes` of the room on the drive of `path`: false, with nothing
+  // taken, when they are not there.
+  bool TakeRoom(const char* path, std::uint64_t bytes);
 
   std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
                                  Disposition disposition) override;
@@ -71,6 +91,10 @@ class FaultInjectionEnv : public Env {
   std::atomic<DWORD> m_closeError{0};
   std::atomic<DWORD> m_readFailures{0};
   std::atomic<DWORD> m_readError{0};
+  std::mutex m_roomMutex;  // guards the two below, one entry per drive letter
+  bool m_roomLimited[26] = {};
+  std::string m_flushes;
+  std::uint64_t m_room[26] = {};
 };
 
 // Installs a FaultInjectionEnv for the life of the object.

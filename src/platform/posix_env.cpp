@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -169,6 +170,24 @@ class PosixFile final : public File {
     return true;
   }
 
+  bool Reserve(DWORD size) override {
+    if (!Usable(m_canWrite)) return false;
+    if (size == 0) return true;
+    int err = 0;
+#ifdef __linux__
+    while (::fallocate(m_fd, 0, 0, off_t{size}) != 0) {
+      err = errno;
+      if (err != EINTR) break;
+      err = 0;
+    }
+#else
+    err = ::posix_fallocate(m_fd, 0, off_t{size});
+#endif
+    if (err == 0) return true;
+    // A file system that cannot allocate gets its holes written instead.
+    return CannotAllocate(err) ? FillHoles(off_t{size}) : Fail(err);
+  }
+
   DWORD Size() override {
     if (!Usable(true)) return kInvalidFileSize;
     struct stat st;
@@ -200,6 +219,51 @@ class PosixFile final : public File {
     if (position <= 0x7FFFFFFFu) return true;
     SetLastError(kErrorNegativeSeek);
     return false;
+  }
+
+  static bool CannotAllocate(int err) {
+    switch (err) {
+      case EOPNOTSUPP:
+#if ENOTSUP != EOPNOTSUPP
+      case ENOTSUP:
+#endif
+      case ENOSYS:
+      case EINVAL:
+        return true;
+      default:
+        return false;
+    }
+  }
+
+  // Writes zeros wherever the first `size` bytes read as a hole: past the
+  // end, and in the holes below it that the file system can point out.
+  bool FillHoles(off_t size) {
+    static const char kZeros[65536] = {};
+    struct stat st;
+    if (::fstat(m_fd, &st) != 0) return Fail(errno);
+    for (off_t at = 0; at < size;) {
+      off_t hole = ::lseek(m_fd, at, SEEK_HOLE);
+      if (hole < 0 && errno == ENXIO) {
+        hole = at;  // at or past the end: a hole from here on
+      } else if (hole < 0 && errno == EINVAL) {
+        hole = std::max(at, st.st_size);  // holes cannot be found: all data up to the end
+      } else if (hole < 0) {
+        return Fail(errno);
+      }
+      if (hole >= size) break;
+      off_t data = ::lseek(m_fd, hole, SEEK_DATA);
+      if (data < 0 && errno != ENXIO && errno != EINVAL) return Fail(errno);
+      if (data < 0 || data > size) data = size;
+      for (off_t p = hole; p < data;) {
+        const size_t count = static_cast<size_t>(std::min<off_t>(sizeof kZeros, data - p));
+        const ssize_t n = ::pwrite(m_fd, kZeros, count, p);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return Fail(n < 0 ? errno : ENOSPC);
+        p += n;
+      }
+      at = data;
+    }
+    return true;
   }
 
   bool Usable(bool allowed) {

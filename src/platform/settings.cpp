@@ -1,5 +1,6 @@
 #include "platform/settings.h"
 
+#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <functional>
@@ -21,6 +22,7 @@ struct Settings {
   SYSTEMTIME clock{};
   std::function<void()> messageHook;
   std::function<void(const char*)> messageBoxHook;
+  std::atomic<DWORD> flushInterval{0};
 };
 
 Settings& Get() {
@@ -65,6 +67,10 @@ void SetMessageBoxHook(std::function<void(const char*)> hook) {
   std::lock_guard<std::mutex> lock(s.mutex);
   s.messageBoxHook = std::move(hook);
 }
+
+void SetFlushInterval(DWORD seconds) { Get().flushInterval.store(seconds); }
+
+DWORD FlushInterval() { return Get().flushInterval.load(); }
 
 std::string DriveRoot(char letter) {
   Settings& s = Get();

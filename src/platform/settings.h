@@ -24,5 +24,8 @@ void MessageStep();
 // Hands a message-box text to the host.
 void ShowMessageBox(const char* text);
 
+// Seconds between a recorder's flushes; 0 never.
+DWORD FlushInterval();
+
 }  // namespace platform
 }  // namespace molra

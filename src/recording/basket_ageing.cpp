@@ -40,6 +40,22 @@ void LogFailure(const char* what, DWORD basket) {
   FsStatusLog(text);
 }
 
+// A write through a handle of ageing's own; a failure is logged with the
+// file and the offset, and ends the road it was on.
+bool WriteDirect(platform::File& file, const char* path, DWORD offset, const void* data,
+                 DWORD count) {
+  DWORD done = 0;
+  if (file.WriteAt(offset, data, count, &done) && done == count) return true;
+  molra::LogIoFailure("write", path, offset, platform::GetLastError());
+  return false;
+}
+
+bool CloseDirect(platform::File& file, const char* path) {
+  if (file.Close()) return true;
+  molra::LogIoFailure("close", path, 0, platform::GetLastError());
+  return false;
+}
+
 // The index of the oldest basket, opened beside whoever records or plays
 // back there, with the node-level access the cut needs.
 class AgeingIndex : public CFsIndex {
@@ -50,17 +66,20 @@ class AgeingIndex : public CFsIndex {
   int ReloadHeader() { return ReadHeader(&m_Hdr); }
 
   // The chain now begins at `offset`: First starts there and Prev stops.
-  void CutFront(DWORD offset, DWORD count, _tagIDXNODE* node) {
+  bool CutFront(DWORD offset, DWORD count, _tagIDXNODE* node) {
     // The node first: a header that names it as the start must never
     // meet it still linked to the days cut away.
     node->dwParent = 0;
     node->dwLeft = 0;
-    WriteNode(node, offset);
-    m_Hdr.dwRoot = offset;
-    m_Hdr.dwFirst = offset;
-    m_Hdr.dwCount = count;
-    WriteHeader(&m_Hdr);
+    if (!WriteNode(node, offset)) return false;
+    _tagIDXHDR cut = m_Hdr;
+    cut.dwRoot = offset;
+    cut.dwFirst = offset;
+    cut.dwCount = count;
+    if (!WriteHeader(&cut)) return false;
+    m_Hdr = cut;
     m_bWrote = true;  // the close keeps the repaired header
+    return true;
   }
 };
 
@@ -113,20 +132,28 @@ int CMOLRA::EraseOldest(DWORD b, _tagFSBSKINFO* info) {
   empty.cMagic[0] = 'Y';
   empty.cMagic[1] = 'K';
   empty.wVersion = 256;
-  DWORD done = 0;
-  index->WriteAt(0, &empty, sizeof empty, &done);
-  index->Close();
+  // A write that fails leaves the catalogue as it was: the next call
+  // erases the basket again.
+  const molra::BasketFile indexPath(record->szPath, molra::kIndexExt);
+  const bool emptied = WriteDirect(*index, indexPath, 0, &empty, sizeof empty);
+  if (!CloseDirect(*index, indexPath) || !emptied) return 1;
 
   std::unique_ptr<platform::File> table = openDirect(molra::kTableExt);
   if (!table) {
     LogFailure("Basket Erase -%d Error Code:%d", b);
     return 1;
   }
+  const molra::BasketFile tablePath(record->szPath, molra::kTableExt);
   std::unique_ptr<_tagFSBSKTBL> zero(new (std::nothrow) _tagFSBSKTBL());
-  for (DWORD k = 0; zero && k < molra::kTableInitDays; ++k) {
-    table->WriteAt(k * kRecordSize, zero.get(), kRecordSize, &done);
+  bool zeroed = zero != nullptr;
+  if (!zeroed) {
+    platform::SetLastError(platform::kErrorNotEnoughMemory);
+    LogFailure("Basket Erase -%d Error Code:%d", b);
   }
-  table->Close();
+  for (DWORD k = 0; zeroed && k < molra::kTableInitDays; ++k) {
+    zeroed = WriteDirect(*table, tablePath, k * kRecordSize, zero.get(), kRecordSize);
+  }
+  if (!CloseDirect(*table, tablePath) || !zeroed) return 1;
 
   std::memset(&record->stFirst, 0, sizeof record->stFirst);
   std::memset(&record->stLast, 0, sizeof record->stLast);
@@ -177,9 +204,11 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
   // the table either as it was or compacted, never half of each.
   std::memset(kept.get() + static_cast<size_t>(keep) * kRecordSize, 0,
               static_cast<size_t>(days - keep) * kRecordSize);
-  DWORD done = 0;
-  table->WriteAt(0, kept.get(), days * kRecordSize, &done);
-  table->Close();
+  const molra::BasketFile tablePath(record->szPath, molra::kTableExt);
+  const bool compacted = WriteDirect(*table, tablePath, 0, kept.get(), days * kRecordSize);
+  // A table that did not take the cut keeps its days, and the catalogue
+  // keeps counting them: the next call cuts again.
+  if (!CloseDirect(*table, tablePath) || !compacted) return 1;
   kept.reset();
   info->dwDays = keep;
 
@@ -189,7 +218,9 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
     LogFailure("Basket Update -%dIDX Error Code:%d", b);
     return 1;
   }
-  if (!index.ReloadHeader()) {
+  // A header the open rebuilt from the nodes stands for a damaged one on
+  // disk: reading the disk's again would work from the damage.
+  if (!index.Rebuilt() && !index.ReloadHeader()) {
     LogFailure("Basket Update -%dIDX Error Code:%d", b);
     index.Close();
     return 1;
@@ -211,7 +242,11 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
       }
       offset = found;
       if (CFsIndex::CompareKey(node.cKey, cutKey, 8) > 0) {
-        index.CutFront(found, count, &node);
+        if (!index.CutFront(found, count, &node)) {
+          // The catalogue keeps the basket as it was: the next call cuts again.
+          index.Close();
+          return 1;
+        }
         break;
       }
     }

@@ -11,6 +11,8 @@
 #include "molra/molra.h"
 #include "platform/clock.h"
 #include "platform/env.h"
+#include "disk/status_log.h"
+#include "store/catalogue_file.h"
 #include "store/store_files.h"
 
 namespace platform = molra::platform;
@@ -34,26 +36,15 @@ int Number(const std::string& text, size_t from, size_t count) {
 }  // namespace
 
 LONG CMOLRA::DeleteBakset(LONG number) {
-  platform::Env* env = platform::CurrentEnv();
-  if (!env->OpenFile(molra::kCatalogPath, platform::Access::kRead, platform::kShareReadWrite,
-                     platform::Disposition::kOpenExisting)) {
-    return FS_ERR_CATALOG;
-  }
-  std::unique_ptr<platform::File> file =
-      env->OpenFile(molra::kCatalogPath, platform::Access::kReadWrite, platform::kShareReadWrite,
-                    platform::Disposition::kOpenExisting);
-  if (!file) return FS_ERR_CATALOG;
+  if (!molra::CatalogueFile::Exists()) return FS_ERR_CATALOG;
+  CFsFile file;
+  if (!molra::CatalogueFile::Open(file, CFsFile::kModeReadWrite)) return FS_ERR_CATALOG;
+  molra::CatalogueFile catalogue(file);
   _tagFSHDR head;
-  DWORD done = 0;
-  if (!file->ReadAt(0, &head, sizeof head, &done) || done != sizeof head || head.dwBaskets == 0) {
-    return FS_OK;
-  }
+  if (!catalogue.ReadHead(&head) || head.dwBaskets == 0) return FS_OK;
   // The records the file holds; a head that promises more names nothing
   // beyond them.
-  const DWORD size = file->Size();
-  const DWORD held = size == platform::kInvalidFileSize || size < sizeof head
-                         ? 0
-                         : (size - static_cast<DWORD>(sizeof head)) / sizeof(_tagFSBSKINFO);
+  const DWORD held = catalogue.RecordsHeld();
   const DWORD count = head.dwBaskets < held ? head.dwBaskets : held;
   if (number != -1 && (number < 0 || static_cast<DWORD>(number) >= count)) {
     // A number that names no basket takes none: nothing else may go.
@@ -63,16 +54,22 @@ LONG CMOLRA::DeleteBakset(LONG number) {
   try {
     records.resize(count);
   } catch (const std::bad_alloc&) {
+    FsStatusLog("DeleteBakset: no memory for the catalogue's records; nothing deleted");
     return FS_OK;
   }
-  if (count > 0) file->ReadAt(sizeof head, records.data(), count * sizeof(_tagFSBSKINFO), &done);
+  if (!catalogue.ReadRecords(0, count, records.data())) {
+    // Records written back from a failed read would overwrite good ones.
+    FsStatusLog("DeleteBakset: the catalogue's records cannot be read; nothing deleted");
+    return FS_ERR_CATALOG;
+  }
   for (_tagFSBSKINFO& record : records) record.szPath[sizeof record.szPath - 1] = '\0';
 
   if (number == -1) {
     head.dwBaskets = 0;
     head.dwCurrent = 0;
     head.dwOldest = 0;
-    file->WriteAt(0, &head, sizeof head, &done);
+    // Files go only once no head lists them any more.
+    if (!catalogue.WriteHead(head)) return FS_OK;
     for (const _tagFSBSKINFO& record : records) DeleteBasketFiles(record);
     return FS_OK;
   }
@@ -80,15 +77,14 @@ LONG CMOLRA::DeleteBakset(LONG number) {
   // a position as the basket behind the current one.
   head.dwBaskets = count - 1;
   if (head.dwBaskets == head.dwCurrent && head.dwCurrent != 0) --head.dwCurrent;
-  file->WriteAt(0, &head, sizeof head, &done);
-  DWORD at = sizeof head;
+  if (!catalogue.WriteHead(head)) return FS_OK;
+  DWORD at = 0;
   for (DWORD i = 0; i < count; ++i) {
     if (i == static_cast<DWORD>(number)) {
       DeleteBasketFiles(records[i]);
       continue;
     }
-    file->WriteAt(at, &records[i], sizeof records[i], &done);
-    at += sizeof records[i];
+    catalogue.WriteRecords(at++, 1, &records[i]);
   }
   return FS_OK;
 }
@@ -136,18 +132,20 @@ LONG CMOLRA::DelTBLSaveDataInfo(CString date, CString limit) {
     }
     table.Close();
 
-    CFsFile catalogue;
-    if (!catalogue.Open(molra::kCatalogPath, CFsFile::kModeReadWrite)) return FS_ERR_PARAM;
-    const DWORD at = sizeof(_tagFSHDR) + n * sizeof(_tagFSBSKINFO);
+    CFsFile file;
+    if (!molra::CatalogueFile::Open(file, CFsFile::kModeReadWrite)) return FS_ERR_PARAM;
+    molra::CatalogueFile catalogue(file);
     _tagFSBSKINFO onDisk;
-    std::memset(&onDisk, 0, sizeof onDisk);
-    catalogue.ReadAt(at, &onDisk, sizeof onDisk);
-    std::memset(&onDisk.stFirst, 0, sizeof onDisk.stFirst);
-    std::memset(&onDisk.stLast, 0, sizeof onDisk.stLast);
-    onDisk.dwDays = 0;
-    onDisk.dwChunks = 0;
-    catalogue.WriteAt(at, &onDisk, sizeof onDisk);
-    catalogue.Close();
+    // Only a record read whole is written back blanked: a failed read must
+    // not put a record of zeros in place of the basket's path.
+    if (catalogue.ReadRecords(n, 1, &onDisk)) {
+      std::memset(&onDisk.stFirst, 0, sizeof onDisk.stFirst);
+      std::memset(&onDisk.stLast, 0, sizeof onDisk.stLast);
+      onDisk.dwDays = 0;
+      onDisk.dwChunks = 0;
+      catalogue.WriteRecords(n, 1, &onDisk);
+    }
+    file.Close();
   }
   return FS_OK;
 }

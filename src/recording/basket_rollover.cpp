@@ -7,6 +7,7 @@
 #include "disk/status_log.h"
 #include "index/fs_index.h"
 #include "molra/molra.h"
+#include "platform/settings.h"
 #include "store/store_files.h"
 
 namespace {
@@ -18,18 +19,24 @@ constexpr int kRolloverRetries = 3;
 
 LONG CMOLRA::RollOver() {
   for (DWORD& flag : m_bIFrame) flag = 1;
-  for (int retries = 0;; ++retries) {
-    if (retries > kRolloverRetries) return FS_ERR_INDEX;
+  // What the basket being left holds goes to the disk before the next one
+  // is reset.
+  if (molra::platform::FlushInterval() != 0) FlushRecording();
+  // Attempt 0 moves on; attempt 1 tries the same basket once more, since a
+  // write that failed once (a busy or briefly full disk) must not shrink
+  // the ring for good; each later attempt takes the basket out of the ring.
+  for (int attempt = 0;; ++attempt) {
+    if (attempt > kRolloverRetries + 1) return FS_ERR_INDEX;
     m_pTable->Close();
     m_pData->Close();
     m_pIndex->Close();
     if (m_FsHdr.dwBaskets == 0) continue;
-    if (retries == 0) {
+    if (attempt == 0) {
       m_FsHdr.dwCurrent = (m_FsHdr.dwCurrent + 1) % m_FsHdr.dwBaskets;
       if (m_FsHdr.dwCurrent == m_FsHdr.dwOldest) {
         m_FsHdr.dwOldest = (m_FsHdr.dwOldest + 1) % m_FsHdr.dwBaskets;
       }
-    } else {
+    } else if (attempt > 1) {
       EraseErrorBasket();
     }
     const _tagFSBSKINFO* basket = Basket(m_FsHdr.dwCurrent);

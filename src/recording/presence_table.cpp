@@ -9,6 +9,7 @@
 #include <new>
 
 #include "disk/fs_file.h"
+#include "disk/status_log.h"
 #include "molra/molra.h"
 
 namespace {
@@ -83,14 +84,19 @@ LONG CMOLRA::SaveFSTblInfo(LONG basket, const _tagCHUNKHDR* chunk) {
 
   // A new day: a whole record, so that stale bytes of an earlier cycle go.
   std::unique_ptr<_tagFSBSKTBL> fresh(new (std::nothrow) _tagFSBSKTBL());
-  if (!fresh) return FS_OK;
+  if (!fresh) {
+    FsStatusLog("SaveFSTblInfo: no memory for a new day record; the day stays unmarked");
+    return FS_OK;
+  }
   fresh->dwYear = year;
   fresh->dwMonth = month;
   fresh->dwDay = day;
   const int channel = chunk->chChannel;
   fresh->dwHour[channel][chunk->stTime.wHour] = chunk->dwInfo;
   fresh->dwMinute[channel][chunk->stTime.wHour][chunk->stTime.wMinute] = chunk->dwInfo;
-  table.WriteAt(record->dwDays * kRecordSize, fresh.get(), kRecordSize);
+  // A record that did not reach the file (the failure is logged) is not
+  // counted: the catalogue never lists a day the table lacks.
+  if (!table.WriteAt(record->dwDays * kRecordSize, fresh.get(), kRecordSize)) return FS_OK;
   record->dwFlags |= 1;
   ++record->dwDays;
   return FS_OK;

@@ -42,10 +42,12 @@ bool InRange(const _tagCHUNKHDR& chunk) {
 
 }  // namespace
 
-LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int /*unused*/) {
+LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, const void* payload, DWORD* remaining, int /*unused*/) {
   if (m_nMode != 0) return FS_ERR_MODE;
   if (!m_pData || !m_pIndex || !m_pTable) return FS_ERR_FILE;
-  if (chunk == nullptr || !InRange(*chunk) || (payload == nullptr && chunk->dwLength != 0)) {
+  // A payload longer than a reader accepts could never be played.
+  if (chunk == nullptr || !InRange(*chunk) || chunk->dwLength > molra::kMaxChunkLength ||
+      (payload == nullptr && chunk->dwLength != 0)) {
     return FS_ERR_PARAM;
   }
   const SYSTEMTIME stamp = chunk->stTime;
@@ -57,10 +59,12 @@ LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int 
                      static_cast<int>(NextSequence(stamp.wMilliseconds)));
   const char* key = keyText.text;
 
-  // The sum runs 26 bytes short of the chunk's true end, and a chunk too
-  // big for the rest of the file wraps the difference and stays.
-  const DWORD sum = length + m_DataHdr.dwWritePos + kSumExtra;
-  bool rollOver = static_cast<DWORD>(molra::kDataFileSize - sum) <= kRolloverMargin;
+  // The sum runs 26 bytes short of the chunk's true end. It cannot wrap:
+  // a write position past the end of the file, or before its first
+  // chunk, is a damaged basket, which is left for the next.
+  const std::uint64_t sum = std::uint64_t{length} + m_DataHdr.dwWritePos + kSumExtra;
+  bool rollOver = sum + kRolloverMargin >= molra::kDataFileSize ||
+                  m_DataHdr.dwWritePos < sizeof m_DataHdr;
   if (!rollOver) {
     _tagFSBSKINFO* basket = Basket(m_FsHdr.dwCurrent);
     if (basket == nullptr) return FS_ERR_INDEX;
@@ -121,6 +125,7 @@ LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, void* payload, DWORD* remaining, int 
   if (CompareSystemTime(&stamp, &first, 0) < 0) basket->stFirst = stamp;
   if (CompareSystemTime(&stamp, &latest, 0) > 0) basket->stLast = stamp;
   SaveFSInfo(static_cast<LONG>(m_FsHdr.dwCurrent));
+  FlushIfDue();
 
   if (sum >= molra::kDataFileSize) {
     m_bFull = 1;

@@ -9,6 +9,7 @@
 #include "disk/status_log.h"
 #include "molra/molra.h"
 #include "platform/env.h"
+#include "store/catalogue_file.h"
 #include "store/store_files.h"
 
 namespace platform = molra::platform;
@@ -36,11 +37,12 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
   }
 
   CFsFile file;
-  if (!file.Open(molra::kCatalogPath, CFsFile::kModeReadWrite)) {
+  if (!molra::CatalogueFile::Open(file, CFsFile::kModeReadWrite)) {
     molra::SetDefaultHead(&m_FsHdr);
     return FS_ERR_CATALOG;
   }
-  if (!file.Read(&m_FsHdr, sizeof m_FsHdr)) {
+  molra::CatalogueFile catalogue(file);
+  if (!catalogue.ReadHead(&m_FsHdr)) {
     // A catalogue just made, or shorter than its head: an empty store. The
     // records in memory stay until the next load or close.
     molra::SetDefaultHead(&m_FsHdr);
@@ -51,10 +53,7 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
   m_ppBasket.reset();
   // Only whole records count: a head that promises more than the file
   // holds must not lead anyone past its end.
-  const DWORD size = file.GetSize();
-  const DWORD whole = size > sizeof(_tagFSHDR)
-                          ? (size - sizeof(_tagFSHDR)) / sizeof(_tagFSBSKINFO)
-                          : 0;
+  const DWORD whole = catalogue.RecordsHeld();
   if (m_FsHdr.dwBaskets > whole) {
     char line[128];
     std::snprintf(line, sizeof line, "catalogue holds %u whole records of %u",
@@ -65,16 +64,14 @@ LONG CMOLRA::LoadFSInfo(LONG /*unused*/) {
 
   std::shared_ptr<BasketList> records;
   try {
-    records = std::make_shared<BasketList>(m_FsHdr.dwBaskets);
+    records = std::make_shared<BasketList>(DWORD{m_FsHdr.dwBaskets});
   } catch (const std::bad_alloc&) {
     molra::SetDefaultHead(&m_FsHdr);
     file.Close();
     return FS_ERR_MEMORY;
   }
   // One read for all records.
-  if (!records->empty() &&
-      !file.Read(records->data(),
-                 static_cast<DWORD>(records->size() * sizeof(_tagFSBSKINFO)))) {
+  if (!catalogue.ReadRecords(0, static_cast<DWORD>(records->size()), records->data())) {
     // The disk failed under a catalogue it said it held: an empty store in
     // memory, so that nothing half-read is ever written back.
     molra::SetDefaultHead(&m_FsHdr);
@@ -130,28 +127,38 @@ LONG CMOLRA::SaveCatalogue(LONG basket, bool recordFirst) {
   CFsFile* file = m_pCatalog && m_pCatalog->IsOpen() ? m_pCatalog.get() : &own;
   if (file == &own) {
     MakeHomeDir();
-    if (!own.Open(molra::kCatalogPath, CFsFile::kModeWrite)) return FS_ERR_CATALOG;
+    if (!molra::CatalogueFile::Open(own, CFsFile::kModeWrite)) {
+      m_bCatalogueStale = true;
+      return FS_ERR_CATALOG;
+    }
   }
+  molra::CatalogueFile catalogue(*file);
+  // A write that fails (logged where it happens) ends the save; the result
+  // says whether all of them went.
+  bool written = true;
+  // After a failed write a recorder writes every record again: a basket it
+  // has moved on from would otherwise keep the span the failure lost.
+  const bool all = basket == -1 || (m_bCatalogueStale && m_nMode == 0);
   const _tagFSBSKINFO* record = basket >= 0 ? Basket(static_cast<DWORD>(basket)) : nullptr;
   const auto writeRecord = [&] {
-    file->WriteAt(sizeof(_tagFSHDR) + sizeof(_tagFSBSKINFO) * static_cast<DWORD>(basket), record,
-                  sizeof *record);
+    written = catalogue.WriteRecords(static_cast<DWORD>(basket), 1, record) && written;
   };
-  if (record && recordFirst) writeRecord();
-  file->WriteAt(0, &m_FsHdr, sizeof m_FsHdr);
-  if (basket == -1) {
+  const auto writeAll = [&] {
     const DWORD count = m_ppBasket ? static_cast<DWORD>(m_ppBasket->size()) : 0;
     const DWORD records = m_FsHdr.dwBaskets < count ? m_FsHdr.dwBaskets : count;
-    if (records > 0) {
-      // Straight behind the head, also when the head's write failed.
-      file->WriteAt(sizeof(_tagFSHDR), m_ppBasket->data(),
-                    records * static_cast<DWORD>(sizeof(_tagFSBSKINFO)));
-    }
-  } else if (record && !recordFirst) {
-    writeRecord();
-  }
-  if (file == &own) own.Close();
-  return FS_OK;
+    if (records > 0) written = catalogue.WriteRecords(0, records, m_ppBasket->data()) && written;
+  };
+  // Records that the head is to count, or that the head's move depends on,
+  // go first; the head only follows records that got there, so that it
+  // never counts or points past what the file holds.
+  if (basket == -1) writeAll();
+  if (record && recordFirst) writeRecord();
+  if (written) written = catalogue.WriteHead(m_FsHdr);
+  if (written && all && basket != -1) writeAll();
+  if (written && record && !recordFirst) writeRecord();
+  if (file == &own && !own.Close()) written = false;
+  if (all || !written) m_bCatalogueStale = !written;
+  return written ? FS_OK : FS_ERR_CATALOG;
 }
 
 LONG CMOLRA::GetBaksetInfo(LONG basket, _tagFSBSKINFO* info) {

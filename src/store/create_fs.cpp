@@ -1,14 +1,17 @@
 // Laying baskets out on the data drives and entering them in the catalogue.
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "disk/fs_file.h"
 #include "molra/molra.h"
 #include "platform/clock.h"
 #include "platform/env.h"
+#include "store/catalogue_file.h"
 #include "store/store_files.h"
 
 namespace platform = molra::platform;
@@ -37,6 +40,9 @@ DWORD FileNumberOf(const char* path) {
   return s ? static_cast<DWORD>(ParseLong(s + 1)) : 0;
 }
 
+// Each maker answers false, after which the caller undoes, when the file
+// cannot be made at its size or its first bytes cannot be written: a basket
+// that is in the catalogue has all its blocks and its head.
 bool MakeDataFile(const char* path) {
   CFsFile file;
   if (!file.CreateSized(path, molra::kDataFileSize)) return false;
@@ -44,9 +50,8 @@ bool MakeDataFile(const char* path) {
   head.wVersion = 0x0100;
   std::memcpy(head.szMagic, "MOLRA", 5);
   head.dwWritePos = sizeof(_tagDATAHDR);
-  if (file.Seek(0, 0)) file.Write(&head, sizeof head);
-  file.Close();
-  return true;
+  const bool written = file.Seek(0, 0) && file.Write(&head, sizeof head);
+  return file.Close() && written;
 }
 
 bool MakeIndexFile(const char* path) {
@@ -54,22 +59,31 @@ bool MakeIndexFile(const char* path) {
   if (!file.CreateSized(path, molra::kIndexFileSize)) return false;
   // No valid index head yet: the first open of the index writes one.
   const BYTE zeros[molra::kIndexInitBytes] = {};
-  file.Seek(0, 0);
-  file.Write(zeros, sizeof zeros);
-  file.Close();
-  return true;
+  const bool written = file.Seek(0, 0) && file.Write(zeros, sizeof zeros);
+  return file.Close() && written;
 }
 
 // `zeros` holds one day record's worth of zero bytes.
 bool MakeTableFile(const char* path, const std::vector<BYTE>& zeros) {
   CFsFile file;
   if (!file.CreateSized(path, molra::kTableFileSize)) return false;
-  file.Seek(0, 0);
-  for (DWORD day = 0; day < molra::kTableInitDays; ++day) {
-    file.Write(zeros.data(), static_cast<DWORD>(zeros.size()));
+  bool written = file.Seek(0, 0);
+  for (DWORD day = 0; written && day < molra::kTableInitDays; ++day) {
+    written = file.Write(zeros.data(), static_cast<DWORD>(zeros.size()));
   }
-  file.Close();
-  return true;
+  return file.Close() && written;
+}
+
+// Takes the blocks of a catalogue of `size` bytes before anything of it is
+// written, so that a full system drive leaves the old catalogue whole, not
+// a head that counts records the file never got.
+bool ReserveCatalogue(DWORD size) {
+  platform::Env* env = platform::CurrentEnv();
+  if (!env->Exists(molra::kHomeDir)) env->MakeDirectory(molra::kHomeDir);
+  CFsFile file;
+  if (!molra::CatalogueFile::Open(file, CFsFile::kModeWrite)) return false;
+  const bool reserved = file.Reserve(size);
+  return file.Close() && reserved;
 }
 
 }  // namespace
@@ -154,5 +168,10 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
 
   m_FsHdr.dwBaskets = static_cast<DWORD>(records->size());
   m_ppBasket = std::move(records);
+  const std::uint64_t catalogue =
+      sizeof(_tagFSHDR) + std::uint64_t{sizeof(_tagFSBSKINFO)} * m_ppBasket->size();
+  if (catalogue > 0xFFFFFFFFull || !ReserveCatalogue(static_cast<DWORD>(catalogue))) {
+    return FS_ERR_CATALOG;
+  }
   return SaveFSInfo(-1);
 }

@@ -6,6 +6,7 @@
 #include "disk/fs_file.h"
 #include "index/fs_index.h"
 #include "molra/molra.h"
+#include "recording/basket_recovery.h"
 #include "store/store_files.h"
 
 namespace {
@@ -67,6 +68,10 @@ LONG CMOLRA::OpenFS(LONG mode) {
   if (m_nMode == 0) {
     m_pData->Close();
     if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+    // The recorder goes on from here: not behind damage, nor over its chunks.
+    molra::RecoverBasket(*basket, m_pIndex.get(), m_pData.get(), &m_DataHdr);
+  } else {
+    molra::ReadRebuiltIndex(m_pIndex.get(), m_pData.get());
   }
 
   if (!Make(&m_pTable)) return FS_ERR_MEMORY;
@@ -116,6 +121,7 @@ LONG CMOLRA::OpenBsk(LONG basket) {
   const BasketPaths paths(*record);
   if (!m_pIndex->Open(paths.index, CFsFile::kModeReadWrite, 0)) return FS_ERR_INDEX;
   if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
+  molra::ReadRebuiltIndex(m_pIndex.get(), m_pData.get());
   if (!m_pTable->Open(paths.table, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
   return FS_OK;
 }

@@ -61,13 +61,32 @@ TEST_F(DiskTest, ReadsAndSizesAreExactAndAClosedObjectRefusesEverything) {
   ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeRead), 1);
   EXPECT_EQ(file.Write("x", 1), 0);  // a reading handle cannot write
 
-  // A sized file is cut or grown without writing, and the handle stays at its end.
+  // A sized file is cut or grown, its bytes kept, and the handle stays at its end.
   ASSERT_EQ(file.CreateSized("c:\\fsdir\\A.DAT", 4), 1);
   EXPECT_EQ(file.Write("Z", 1), 1);
   ASSERT_EQ(file.CreateSized("C:\\FSDIR\\new.cin", 4096), 1);
   EXPECT_EQ(ReadAll(Real('c', "FSDIR/a.dat")), "0123Z");
   EXPECT_EQ(ReadAll(Real('c', "FSDIR/new.cin")), std::string(4096, '\0'));
-  EXPECT_EQ(Log(), "");
+  // The refused write is the only line: short reads leave none.
+  EXPECT_EQ(Log(), Logged("fail to write C:\\FSDIR\\a.dat at 0 : error 5"));
+}
+
+TEST_F(DiskTest, FailedWritesSeeksAndReservationsLeaveALineEach) {
+  platform::ScopedFaultInjection faults;  // outlives the file below
+  CFsFile file;
+  ASSERT_EQ(file.Open("C:\\FSDIR\\a.dat", CFsFile::kModeReadWrite), 1);
+  ASSERT_EQ(file.Write("0123456789", 10), 1);
+  faults->FailWriteAt(1);
+  EXPECT_EQ(file.Write("x", 1), 0);
+  EXPECT_EQ(file.Seek(0x80000000u, 0), 0);
+  faults->FillDiskAfter('C', 1000);  // room for the log's lines, not for the files
+  const std::string block(2000, 'x');
+  EXPECT_EQ(file.WriteAt(4, block.data(), 2000), 0);
+  EXPECT_EQ(file.CreateSized("C:\\FSDIR\\b.cdt", 4096), 0);
+  EXPECT_EQ(Log(), Logged("fail to write C:\\FSDIR\\a.dat at 10 : error 29") +
+                       Logged("fail to seek C:\\FSDIR\\a.dat at 2147483648 : error 131") +
+                       Logged("fail to write C:\\FSDIR\\a.dat at 4 : error 112") +
+                       Logged("fail to reserve C:\\FSDIR\\b.cdt at 4096 : error 112"));
 }
 
 TEST_F(DiskTest, FailedCloseIsRetriedOrReportedAndLeavesTheFileOpen) {

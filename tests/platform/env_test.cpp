@@ -165,7 +165,8 @@ TEST_F(EnvTest, FailedWritesWriteNothingAndPowerCutStopsEveryChange) {
   EXPECT_FALSE(write("f"));
   EXPECT_TRUE(faults->PowerCut());
   EXPECT_EQ(faults->Writes(), 3u);
-  EXPECT_FALSE(file->SetEnd() || Env()->RemoveFile("C:\\b.dat") || Env()->MakeDirectory("C:\\N"));
+  EXPECT_FALSE(file->SetEnd() || file->Reserve(8) || Env()->RemoveFile("C:\\b.dat") ||
+               Env()->MakeDirectory("C:\\N"));
   EXPECT_FALSE(Env()->AppendText("C:\\b.dat", "lost") ||
                Env()->SetAttributes("C:\\b.dat", platform::kFileAttributeHidden));
   EXPECT_EQ(Open("C:\\b.dat", Access::kWrite, 3, Disposition::kCreateAlways), nullptr);

@@ -130,6 +130,8 @@ TEST_F(SaveDataTest, BadInputIsRefusedBeforeAnythingIsWrittenOrCounted) {
   _tagCHUNKHDR good = Chunk(0, At(18, 9, 30, 15, 250));
   EXPECT_EQ(store.SaveData(nullptr, payload, &remaining, 0), FS_ERR_PARAM);
   EXPECT_EQ(store.SaveData(&good, nullptr, &remaining, 0), FS_ERR_PARAM);
+  _tagCHUNKHDR unreadable = Chunk(0, At(18, 9, 30, 15, 250), 0, molra::kMaxChunkLength + 1);
+  EXPECT_EQ(store.SaveData(&unreadable, payload, &remaining, 0), FS_ERR_PARAM);
   EXPECT_EQ(remaining, 12345u);
   EXPECT_TRUE(files() == before);
   // No refused chunk took a sequence number.
@@ -226,15 +228,21 @@ INSTANTIATE_TEST_SUITE_P(, SaveDataRollover,
                          ::testing::Values(Edge{66041855, 1, false}, Edge{66041856, 1, true},
                                            Edge{30, 70000, false}, Edge{30, 70001, true}));
 
-TEST_F(SaveDataTest, ChunkTooBigForTheRestWrapsTheTestAndGrowsTheFile) {
+// A write position no intact basket has (past the end of the file, at its
+// very top, before the first chunk) leaves the basket: the sum never wraps
+// and no data file grows.
+TEST_F(SaveDataTest, AWritePositionOutsideTheFileRollsOver) {
   ASSERT_NO_FATAL_FAILURE(Make(2));
-  store.m_DataHdr.dwWritePos = 66000000;
-  DWORD remaining = 0;
-  ASSERT_EQ(Save(Chunk(0, At(18, 9, 0), 0, 1200000), &remaining), FS_OK);
-  EXPECT_EQ(FileSize(Path(0, ".CDT")), 67200030);  // no rollover
-  EXPECT_EQ(remaining, static_cast<DWORD>(67108864u - 67200030u));
-  EXPECT_EQ(store.m_bFull, 1u);
-  EXPECT_EQ(store.GetIFrame(15), 1);
+  WORD ms = 0;
+  for (const DWORD at : {67000000u, 0xFFFFFFF0u, 8u}) {
+    store.m_DataHdr.dwWritePos = at;
+    const DWORD basket = store.m_FsHdr.dwCurrent;
+    ASSERT_EQ(Save(Chunk(0, At(18, 9, 0, 0, ms++), 0, molra::kMaxChunkLength)), FS_OK) << at;
+    EXPECT_NE(store.m_FsHdr.dwCurrent, basket) << at;
+    const int now = static_cast<int>(store.m_FsHdr.dwCurrent);
+    EXPECT_EQ(WritePosOnDisk(now), 16 + 30 + molra::kMaxChunkLength) << at;
+  }
+  EXPECT_EQ(FileSize(Path(0, ".CDT")) + FileSize(Path(1, ".CDT")), 2 * 67108864LL);
 }
 
 TEST_F(SaveDataTest, RingPushesTheOldestOnceFull) {

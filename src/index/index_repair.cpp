@@ -1,0 +1,372 @@
+// Reading a basket's tree as its nodes hold it, and setting right what a
+// lost, torn or cut write has broken: a link, the header, the tail.
+//
+// Nodes lie at 28 + 41k in order of arrival, and each one's parent
+// arrived before it. So one pass in file order sees every node after
+// the node that links it, and the tree is the longest run of nodes from
+// the first on that are whole and linked as inserts link them. Chunks lie
+// back to back in the same order, so nodes that damage took can be made
+// again from the chunks behind the last node that is left.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "index/fs_index.h"
+
+namespace {
+
+using molra::kNodeSize;
+using molra::kRootOffset;
+
+constexpr WORD kIndexVersion = 256;
+constexpr DWORD kTopBit = 0x80000000u;
+constexpr DWORD kDataHead = sizeof(_tagDATAHDR);
+constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
+// Whole nodes per read: 64 KiB first (a new index has one zero node to
+// show), then about a megabyte.
+constexpr DWORD kFirstBlockNodes = 64 * 1024 / kNodeSize;
+constexpr DWORD kBlockNodes = 1024 * 1024 / kNodeSize;
+// The nodes that an index as made has room for; no basket holds more.
+constexpr DWORD kRoomNodes = (molra::kIndexFileSize - kRootOffset) / kNodeSize;
+// The characters of a key that come from the stamp alone: the two behind
+// them count saves of equal milliseconds.
+constexpr int kStampChars = 18;
+
+DWORD At(DWORD slot) { return kRootOffset + slot * kNodeSize; }
+DWORD Slot(DWORD offset) { return (offset - kRootOffset) / kNodeSize; }
+bool OnBoundary(DWORD offset) {
+  return offset >= kRootOffset && (offset - kRootOffset) % kNodeSize == 0;
+}
+
+// A node as an insert writes it: a key of 20 digits, links to node
+// boundaries, the chunk of a channel inside the data file.
+bool Whole(const _tagIDXNODE& node, DWORD dataSize) {
+  for (const char c : node.cKey) {
+    if (c < '0' || c > '9') return false;
+  }
+  for (const DWORD link : {node.dwParent, node.dwLeft, node.dwRight}) {
+    if (link != 0 && !OnBoundary(link)) return false;
+  }
+  const signed char channel = node.Ref.cChannel;
+  const DWORD offset = node.Ref.dwOffset;
+  return channel >= 0 && channel < static_cast<signed char>(molra::kChannels) &&
+         offset >= kDataHead && offset < dataSize;
+}
+
+DWORD Link(const _tagIDXNODE& node, bool left) { return left ? node.dwLeft : node.dwRight; }
+void SetLink(_tagIDXNODE* node, bool left, DWORD to) {
+  if (left) {
+    node->dwLeft = to;
+  } else {
+    node->dwRight = to;
+  }
+}
+
+molra::KeyText KeyOf(const SYSTEMTIME& t, int sequence) {
+  return molra::MakeKey(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond,
+                        t.wMilliseconds, sequence);
+}
+
+// Whether the data file holds, at the node's offset, the chunk the node
+// names: its stamp, channel and info word, and all of its payload.
+bool ChunkHolds(CFsFile* data, DWORD dataSize, const _tagIDXNODE& node, DWORD* end) {
+  const DWORD offset = node.Ref.dwOffset;
+  _tagCHUNKHDR chunk;
+  if (offset < kDataHead || offset > dataSize || dataSize - offset < kChunkHead ||
+      !data->ReadAt(offset, &chunk, sizeof chunk)) {
+    return false;
+  }
+  const std::uint64_t stop = std::uint64_t{offset} + kChunkHead + chunk.dwLength;
+  const SYSTEMTIME stamp = chunk.stTime;
+  if (stop > dataSize || chunk.chChannel != node.Ref.cChannel ||
+      chunk.dwInfo != node.Ref.dwInfo ||
+      std::memcmp(KeyOf(stamp, 0).text, node.cKey, kStampChars) != 0) {
+    return false;
+  }
+  *end = static_cast<DWORD>(stop);
+  return true;
+}
+
+// A chunk header as a save lets it through.
+bool Saveable(const _tagCHUNKHDR& chunk) {
+  const SYSTEMTIME t = chunk.stTime;
+  return chunk.chChannel >= 0 && chunk.chChannel < static_cast<signed char>(molra::kChannels) &&
+         t.wMonth >= 1 && t.wMonth <= 12 && t.wDay >= 1 && t.wDay <= 31 &&
+         t.wHour < molra::kHours && t.wMinute < molra::kMinutes &&
+         chunk.dwLength <= molra::kMaxChunkLength;
+}
+
+int Digits(const char* text, int count) {
+  int value = 0;
+  for (int i = 0; i < count; ++i) value = value * 10 + (text[i] - '0');
+  return value;
+}
+
+// The ends of a tree as the inserts that built it left them: a right
+// child becomes the append point, a left child the first node, and a
+// node without a parent past the first is a front that ageing cut.
+struct Ends {
+  DWORD root = kRootOffset, first = kRootOffset, last = kRootOffset;
+};
+
+Ends Replay(const std::vector<_tagIDXNODE>& nodes, DWORD count) {
+  Ends ends;
+  for (DWORD k = 1; k < count; ++k) {
+    const DWORD parent = nodes[k].dwParent;
+    if (parent == 0) {
+      ends.root = ends.first = At(k);
+    } else if (nodes[Slot(parent)].dwLeft == At(k)) {
+      ends.first = At(k);
+    } else {
+      ends.last = At(k);
+    }
+  }
+  return ends;
+}
+
+// Nodes reachable from `root` through the links of the first `count`.
+DWORD Reach(const std::vector<_tagIDXNODE>& nodes, DWORD count, DWORD root) {
+  std::vector<char> reached(count, 0);
+  DWORD total = 0;
+  reached[Slot(root)] = 1;
+  for (DWORD k = Slot(root); k < count; ++k) {
+    if (!reached[k]) continue;
+    ++total;
+    for (const bool left : {true, false}) {
+      const DWORD child = Link(nodes[k], left);
+      if (child > At(k) && OnBoundary(child) && Slot(child) < count) reached[Slot(child)] = 1;
+    }
+  }
+  return total;
+}
+
+}  // namespace
+
+int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepair* repair) {
+  molra::IndexRepair& r = *repair;
+  r = molra::IndexRepair();
+  if (!IsOpen()) return 0;
+  const _tagIDXHDR head = m_Hdr;
+  r.header = head;
+  // A header that Open rebuilt or freshened over a damaged one says
+  // nothing of the tree.
+  const bool valid = !m_bRebuilt && !m_bFreshened && head.cMagic[0] == 'Y' &&
+                     head.cMagic[1] == 'K' && head.wVersion == kIndexVersion;
+  // A valid header whose end lies on a node is believed as far as its
+  // nodes bear it out; any other is rebuilt from the nodes.
+  const bool believed = valid && (head.dwEnd == 0 || OnBoundary(head.dwEnd));
+  // An empty tree: whatever lies behind the header is of an earlier cycle
+  // or was erased. Unless the basket counts chunks of this cycle: then a
+  // fresh header went over a damaged one, and the chunks that run from
+  // the first one to the write position are taken back.
+  const bool emptied = believed && head.dwEnd == 0;
+  if (emptied && !(data && saved && writePos > kDataHead)) return 1;
+
+  // Both files hold at least their heads once open: a smaller size is a
+  // failed question, not an answer.
+  const DWORD size = GetSize();
+  const DWORD dataSize = data ? data->GetSize() : 0xFFFFFFFFu;
+  if (size < sizeof head || dataSize < kDataHead) return 0;
+  const DWORD slots = (size - kRootOffset) / kNodeSize;
+  const DWORD named = emptied    ? 0
+                      : believed ? Slot(head.dwEnd) + 1
+                                 : std::min(slots, kRoomNodes);
+  const DWORD limit = std::min(named, slots);
+
+  std::vector<_tagIDXNODE> nodes;
+  std::vector<DWORD> linker(limit, 0);  // the first kept node that links to a slot
+  std::vector<char> dirty;
+  const auto relinked = [&](DWORD parent) {
+    if (r.relinked++ == 0) r.relinkedAt = parent;
+  };
+  DWORD kept = 0;
+  for (DWORD k = 0; k < limit; ++k) {
+    if (k == nodes.size()) {
+      const size_t from = nodes.size();
+      const DWORD count = std::min(k == 0 ? kFirstBlockNodes : kBlockNodes, limit - k);
+      nodes.resize(from + count);
+      if (!ReadAt(At(k), &nodes[from], count * kNodeSize)) return 0;
+    }
+    _tagIDXNODE& node = nodes[k];
+    if (!Whole(node, dataSize)) break;
+    const DWORD offset = At(k);
+    const DWORD parent = node.dwParent;
+    if (k == 0) {
+      // The first node is the root: its parent link is never followed.
+    } else if (parent == 0) {
+      if (linker[k] == 0) break;
+      // Only ageing leaves a linked node without a parent: the front of
+      // the basket, which a believed header names as its root.
+      if (believed && offset != head.dwRoot) {
+        node.dwParent = linker[k];
+        dirty.resize(nodes.size(), 0);
+        dirty[k] = 1;
+        relinked(linker[k]);
+      }
+    } else {
+      if (parent >= offset) break;
+      _tagIDXNODE& up = nodes[Slot(parent)];
+      if (up.dwLeft != offset && up.dwRight != offset) {
+        // A lost link: the parent's side as the insert chose it, which
+        // must still be free. A foreign header's tree ends here instead.
+        if (!believed) break;
+        const bool left =
+            (node.Ref.dwInfo & kTopBit) == 0 && CompareKey(node.cKey, up.cKey, -1) < 0;
+        if (Link(up, left) != 0) break;
+        SetLink(&up, left, offset);
+        dirty.resize(nodes.size(), 0);
+        dirty[Slot(parent)] = 1;
+        relinked(parent);
+      }
+    }
+    kept = k + 1;
+    for (const bool left : {true, false}) {
+      const DWORD child = Link(node, left);
+      if (child > offset && child < At(limit) && linker[Slot(child)] == 0) {
+        linker[Slot(child)] = offset;
+      }
+    }
+  }
+  nodes.resize(kept);
+  dirty.resize(kept, 0);
+  // A header that names more nodes than an index has room for names
+  // them in a torn field: only the room counts as lost.
+  const DWORD roomNamed = std::min(named, std::max(kRoomNodes, limit));
+  if (believed && kept < roomNamed) {
+    r.lost = roomNamed - kept;
+    r.lostFrom = At(kept);
+  }
+
+  // The last nodes must name chunks that the data file holds.
+  if (data) {
+    while (kept > 0 && !ChunkHolds(data, dataSize, nodes[kept - 1], &r.chunkEnd)) {
+      --kept;
+      ++r.dropped;
+    }
+    if (r.dropped != 0) r.droppedFrom = At(kept);
+    nodes.resize(kept);
+    dirty.resize(kept);
+  }
+
+  // Chunks whose nodes damage took are entered again, behind the last
+  // node, when they run back to back from its chunk to the data head's
+  // write position exactly; anything less is not trusted.
+  const bool sameNodes = r.lost == 0 && r.dropped == 0;
+  const DWORD free = kRoomNodes - std::min(kRoomNodes, kept);
+  const DWORD room = believed && !emptied ? std::min(r.lost + r.dropped, free) : free;
+  if (data && room != 0 && writePos > r.chunkEnd && writePos <= dataSize) {
+    std::vector<std::pair<DWORD, _tagCHUNKHDR>> found;
+    DWORD at = r.chunkEnd;
+    while (at < writePos) {
+      _tagCHUNKHDR chunk;
+      if (found.size() == room || writePos - at < kChunkHead ||
+          !data->ReadAt(at, &chunk, sizeof chunk) || !Saveable(chunk) ||
+          writePos - at - kChunkHead < chunk.dwLength) {
+        break;
+      }
+      found.emplace_back(at, chunk);
+      at += kChunkHead + chunk.dwLength;
+    }
+    if (at == writePos) {
+      DWORD last = Replay(nodes, kept).last;
+      int lastMs = kept != 0 ? Digits(nodes[kept - 1].cKey + 14, 4) : -1;
+      int sequence = kept != 0 ? Digits(nodes[kept - 1].cKey + 18, 2) : 0;
+      r.reentered = static_cast<DWORD>(found.size());
+      r.reenteredFrom = At(kept);
+      for (const auto& [offset, chunk] : found) {
+        const SYSTEMTIME t = chunk.stTime;
+        // The sequence as the saves counted it: up at equal milliseconds.
+        sequence = t.wMilliseconds == lastMs ? sequence + 1 : 0;
+        lastMs = t.wMilliseconds;
+        _tagIDXNODE node = {};
+        std::memcpy(node.cKey, KeyOf(t, sequence).text, sizeof node.cKey);
+        node.Ref.cChannel = chunk.chChannel;
+        node.Ref.dwInfo = chunk.dwInfo;
+        node.Ref.dwOffset = offset;
+        const DWORD slot = static_cast<DWORD>(nodes.size());
+        if (slot != 0) {
+          // Appended behind the append point, as a save appends.
+          node.dwParent = last;
+          nodes[Slot(last)].dwRight = At(slot);
+          dirty[Slot(last)] = 1;
+          last = At(slot);
+        }
+        nodes.push_back(node);
+        dirty.push_back(1);
+      }
+      kept = static_cast<DWORD>(nodes.size());
+      r.chunkEnd = writePos;
+    }
+  }
+
+  // Links out of the tree go, but for the one to the slot behind an
+  // intact end: an insert cut before its header leaves that one.
+  const DWORD spared = believed && sameNodes ? At(named) : 0;
+  for (DWORD k = 0; k < kept; ++k) {
+    for (const bool left : {true, false}) {
+      const DWORD child = Link(nodes[k], left);
+      if (child == 0 || child == spared) continue;
+      const bool inTree = child > At(k) && OnBoundary(child) && Slot(child) < kept &&
+                          (nodes[Slot(child)].dwParent == At(k) ||
+                           nodes[Slot(child)].dwParent == 0);
+      if (inTree) continue;
+      SetLink(&nodes[k], left, 0);
+      dirty[k] = 1;
+      if (r.cleared++ == 0) r.clearedAt = At(k);
+    }
+  }
+
+  // The header the nodes call for.
+  _tagIDXHDR h;
+  std::memset(&h, 0, sizeof h);
+  h.cMagic[0] = 'Y';
+  h.cMagic[1] = 'K';
+  h.wVersion = kIndexVersion;
+  h.dwOpen = believed ? head.dwOpen : 1;
+  if (kept != 0) {
+    const Ends ends = Replay(nodes, kept);
+    const bool aged = believed && head.dwRoot != kRootOffset && OnBoundary(head.dwRoot) &&
+                      Slot(head.dwRoot) < kept && nodes[Slot(head.dwRoot)].dwParent == 0;
+    h.dwEnd = At(kept - 1);
+    h.dwLast = ends.last;
+    if (aged) {
+      // Ageing moved the front and counted what it kept: both stay.
+      h.dwRoot = head.dwRoot;
+      h.dwFirst = OnBoundary(head.dwFirst) && Slot(head.dwFirst) < kept ? head.dwFirst : h.dwRoot;
+      h.dwCount = sameNodes ? head.dwCount : Reach(nodes, kept, h.dwRoot);
+    } else {
+      h.dwRoot = ends.root;
+      h.dwFirst = ends.first;
+      h.dwCount = h.dwRoot == kRootOffset ? kept : Reach(nodes, kept, h.dwRoot);
+    }
+  }
+  r.header = h;
+  r.headerChanged = m_bRebuilt || std::memcmp(&h, &head, sizeof h) != 0;
+  r.rebuilt = !believed && r.headerChanged;
+  r.kept = kept;
+  for (DWORD k = kept; k-- > 0;) {
+    if (dirty[k]) r.nodes.emplace_back(At(k), nodes[k]);
+  }
+  return 1;
+}
+
+int CFsIndex::Apply(const molra::IndexRepair& repair, bool write) {
+  if (!IsOpen()) return 0;
+  m_Run.length = 0;
+  m_Scan.length = 0;
+  if (write) {
+    // Nodes before the links to them, and the header after both: a cut
+    // repair leaves a tree that the next check finds as it was.
+    for (const auto& [offset, node] : repair.nodes) {
+      if (!WriteNode(&node, offset)) return 0;
+    }
+    if (repair.headerChanged) {
+      if (!WriteHeader(&repair.header)) return 0;
+      m_bWrote = true;
+    }
+    m_bRebuilt = m_bFreshened = false;
+  }
+  m_Hdr = repair.header;
+  return 1;
+}

@@ -1,0 +1,206 @@
+// A basket that damage has reached: a recording open sets it right with
+// one line in the status log and records on; a reader reads what it can
+// and writes nothing; an intact basket is only read.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/fault_injection.h"
+#include "playback/playback_fixture.h"
+
+namespace molra_test {
+namespace {
+
+constexpr DWORD kLength = 8;                         // of every payload here
+constexpr DWORD kStride = sizeof(_tagCHUNKHDR) + kLength;
+constexpr DWORD Chunk(int i) { return 16 + kStride * i; }   // in the data file
+constexpr DWORD Node(int i) { return 28 + 41 * i; }         // in the index
+
+// Chunk i: channel i mod 16, one a second from 10:00:00 on.
+SYSTEMTIME Time(int i) { return At(10, static_cast<WORD>(i / 60), static_cast<WORD>(i % 60)); }
+std::string Seen(int i) {
+  char text[32];
+  std::snprintf(text, sizeof text, "c%d %02d:%02d:%02d", i % 16, 10, i / 60, i % 60);
+  return text;
+}
+
+// Plain file I/O on a test drive, as a lost, torn or cut write leaves it.
+void Poke(const std::string& path, DWORD offset, const Bytes& bytes) {
+  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
+      .seekp(offset)
+      .write(bytes.data(), static_cast<long>(bytes.size()));
+}
+Bytes Word(DWORD value) { return Bytes(reinterpret_cast<const char*>(&value), sizeof value); }
+
+class RecoveryTest : public PlaybackTest {
+ protected:
+  std::string Index(int basket = 0) const {
+    return Real('d', "MOLRA/FS00000" + std::to_string(basket) + ".CIN");
+  }
+  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
+  void SaveWith(CMOLRA& store, int i) {
+    _tagCHUNKHDR chunk{1, Time(i), {}, static_cast<signed char>(i % 16), 0x10000, kLength};
+    std::vector<BYTE> bytes = Payload(i % 16, Time(i), kLength);
+    DWORD remaining = 0;
+    ASSERT_EQ(store.SaveData(&chunk, bytes.data(), &remaining, 0), FS_OK) << i;
+  }
+  // Everything a fresh player finds from chunk `first` on, then how the walk ended.
+  std::vector<std::string> Walk(int first = 0) {
+    Player fresh;
+    std::vector<std::string> seen;
+    if (fresh.OpenFS(1) != FS_OK) return {"no open"};
+    _tagCHUNKHDR h{};
+    h.stTime = Time(first);
+    h.chChannel = -1;
+    LONG result = fresh.ReadDataEx2(&h, payload.data());
+    for (int steps = 0; result == FS_OK && steps < 1000; ++steps) {
+      seen.push_back(Brief(result, h));
+      h.chChannel = -1;
+      result = fresh.ReadNextDataEx(&h, payload.data());
+    }
+    seen.push_back(Brief(result, h));
+    return seen;
+  }
+  // All of the store's files, the data files up to where chunks end.
+  std::map<std::string, Bytes> Files() const {
+    std::map<std::string, Bytes> files;
+    for (const char drive : {'c', 'd'}) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(Root(drive))) {
+        const std::string path = entry.path().string();
+        if (entry.is_regular_file()) files[path] = ReadAll(path, 1 << 20);
+      }
+    }
+    return files;
+  }
+};
+
+using Path = const std::string&;
+struct Harm {
+  const char* name;
+  int saved, survive;  // chunks recorded before the damage; the first ones it leaves
+  void (*harm)(Path index, Path data);
+  const char* logged;  // in the one line of the status log
+};
+
+const Harm kHarms[] = {
+    {"lost right link", 10, 10, [](Path index, Path) { Poke(index, Node(4) + 8, Word(0)); },
+     "FS000000.CIN at 192 : lost links restored: 1"},
+    {"zeroed header", 10, 10, [](Path index, Path) { Poke(index, 0, Bytes(28, '\0')); },
+     "FS000000.CIN at 0 : header rebuilt from its nodes, 10 kept"},
+    {"torn header", 10, 10, [](Path index, Path) { Poke(index, 0, "\x13\x07torn wri"); },
+     "FS000000.CIN at 0 : header rebuilt from its nodes, 10 kept"},
+    {"zeroed 4 KiB page in the tail of the index", 130, 130,
+     [](Path index, Path) { Poke(index, 4096, Bytes(4096, '\0')); },
+     "FS000000.CIN at 4087 : chunks entered again from the data file: 31"},
+    {"index cut in its nodes", 10, 10,
+     [](Path index, Path) { std::filesystem::resize_file(index, Node(6) + 20); },
+     "FS000000.CIN at 274 : chunks entered again from the data file: 4"},
+    {"index cut in its header", 10, 10,
+     [](Path index, Path) { std::filesystem::resize_file(index, 20); },
+     "FS000000.CIN at 28 : chunks entered again from the data file: 10"},
+    {"index cut in its header, then freshened by a reader", 10, 10,
+     [](Path index, Path) {
+       std::filesystem::resize_file(index, 20);
+       ASSERT_EQ(Player().OpenFS(1), FS_OK);
+     },
+     "FS000000.CIN at 28 : chunks entered again from the data file: 10"},
+    {"write position 0xFFFFFFFF", 10, 10, [](Path, Path data) { Poke(data, 8, Word(~0u)); },
+     "FS000000.CDT at 8 : write position 4294967295 set to 396"},
+    {"write position 16", 10, 10, [](Path, Path data) { Poke(data, 8, Word(16)); },
+     "FS000000.CDT at 8 : write position 16 set to 396"},
+    {"write position beyond the file", 10, 10,
+     [](Path, Path data) { Poke(data, 8, Word(67108864 + 256)); },
+     "FS000000.CDT at 8 : write position 67109120 set to 396"},
+    {"last three chunks never written", 10, 7,
+     [](Path, Path data) { Poke(data, Chunk(7), Bytes(3 * kStride, '\0')); },
+     "FS000000.CIN at 315 : nodes dropped, their chunks are not in the data file: 3"},
+};
+
+TEST_F(RecoveryTest, ARecordingOpenRepairsDamageWithOneLineAndRecordsOn) {
+  for (const Harm& d : kHarms) {
+    SCOPED_TRACE(d.name);
+    for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
+    ASSERT_NO_FATAL_FAILURE(Make(1));
+    for (int i = 0; i < d.saved; ++i) ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
+    recorder.CloseFS();
+    d.harm(Index(), DataPath(0));
+    const size_t before = Log().size();
+
+    Player fresh;
+    ASSERT_EQ(fresh.OpenFS(0), FS_OK);
+    const std::string line = Log().substr(before);
+    EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
+    EXPECT_NE(line.find(d.logged), std::string::npos) << line;
+    for (int i = d.saved; i < d.saved + 5; ++i) ASSERT_NO_FATAL_FAILURE(SaveWith(fresh, i));
+    fresh.CloseFS();
+
+    std::vector<std::string> expected;
+    for (int i = 0; i < d.saved + 5; ++i) {
+      if (i < d.survive || i >= d.saved) expected.push_back(Seen(i));
+    }
+    expected.push_back("#9");
+    EXPECT_EQ(Walk(), expected);
+    EXPECT_EQ(FileSize(DataPath(0)), 67108864);
+    // Set right for good: the next recorder finds nothing to repair.
+    ASSERT_EQ(Player().OpenFS(0), FS_OK);
+    EXPECT_EQ(Log().size(), before + line.size());
+  }
+}
+
+TEST_F(RecoveryTest, AnIntactBasketIsOnlyRead) {
+  ASSERT_NO_FATAL_FAILURE(Make(1));
+  for (int i = 0; i < 10; ++i) ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
+  NextBasket();  // the ring of one: a new cycle over the old nodes and chunks
+  for (const int i : {20, 30, 40, 25, 27, 50}) ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
+  _tagCHUNKHDR early{1, Time(5), {}, 5, 0x80010000u, kLength};  // appended unseen
+  std::vector<BYTE> bytes = Payload(5, Time(5), kLength);
+  DWORD remaining = 0;
+  ASSERT_EQ(recorder.SaveData(&early, bytes.data(), &remaining, 0), FS_OK);
+  recorder.CloseFS();
+  {
+    // The power goes at the index header of a save: its node stays linked
+    // behind the end the header names, as an insert cut there leaves it.
+    molra::platform::ScopedFaultInjection faults;
+    ASSERT_EQ(recorder.OpenFS(0), FS_OK);
+    faults->CutPowerAtWrite(5);
+    ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, 60));
+    recorder.CloseFS();
+  }
+
+  std::map<std::string, Bytes> files = Files();
+  files[Index()].replace(4, 4, Bytes(4, '\0'));  // a close marks the header closed
+  for (int open = 0; open < 2; ++open) {
+    ASSERT_EQ(recorder.OpenFS(0), FS_OK);
+    recorder.CloseFS();
+  }
+  EXPECT_TRUE(Files() == files);
+}
+
+TEST_F(RecoveryTest, AReaderOfDamagedBasketsReadsWhatItCanAndWritesNothing) {
+  ASSERT_NO_FATAL_FAILURE(Make(2));
+  for (int i = 0; i < 12; ++i) {
+    if (i == 6) NextBasket();
+    ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
+  }
+  recorder.CloseFS();
+  Poke(Index(0), 0, Bytes(28, '\0'));  // reached by a seek from the current basket
+  Poke(Index(1), 0, Bytes(28, '\0'));
+  Poke(DataPath(0), Chunk(5), Bytes(kStride, '\0'));  // basket 0's last chunk, never written
+  const std::map<std::string, Bytes> files = Files();
+  std::vector<std::string> expected;
+  for (int i = 0; i < 12; ++i) {
+    if (i != 5) expected.push_back(Seen(i));
+  }
+  expected.push_back("#9");
+  EXPECT_EQ(Walk(), expected);
+  EXPECT_EQ(Walk(8), std::vector<std::string>(expected.begin() + 7, expected.end()));
+  EXPECT_TRUE(Files() == files);
+}
+
+}  // namespace
+}  // namespace molra_test

@@ -1,0 +1,98 @@
+// Room on the drives: a basket holds all its blocks once it is made, and a
+// drive that runs out of room, or a write that fails, fails the creation
+// and leaves the catalogue as it was.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "platform/fault_injection.h"
+#include "store/store_probe.h"
+
+namespace molra_test {
+namespace {
+
+namespace platform = molra::platform;
+
+constexpr DWORD kBasketBytes = 67108864 + 3145728 + 374832;
+
+class SpaceTest : public StoreTest {
+ protected:
+  static long long Blocks(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_blocks) * 512 : -1;
+  }
+  size_t DataFilesOnD() const {
+    size_t n = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(Real('d', "MOLRA"))) {
+      n += entry.path().extension() == ".CDT";
+    }
+    return n;
+  }
+};
+
+TEST_F(SpaceTest, BasketFilesHoldTheirBlocks) {
+  std::filesystem::create_directories(Root('d'));
+  std::ofstream(Real('d', "probe")) << std::string(8192, 'x');
+  if (Blocks(Real('d', "probe")) <= 0) GTEST_SKIP() << "this file system counts no blocks";
+  _tagBSKLOC one[] = {{3, 1}};
+  ASSERT_EQ(StoreProbe().CreateFS(one, 1), FS_OK);
+  for (const char* ext : {".CDT", ".CIN", ".CTA"}) {
+    const std::string file = Real('d', std::string("MOLRA/FS000000") + ext);
+    EXPECT_GE(Blocks(file), FileSize(file)) << ext;
+  }
+}
+
+TEST_F(SpaceTest, AFullDriveOrAFailedWriteFailsCreation) {
+  // On a store of one basket, two more on D. Writes: 6 a basket (head,
+  // index, four table days), then the catalogue's.
+  struct Case {
+    const char* name;
+    char fullDrive;  // 0: none
+    DWORD room;
+    DWORD failWrite;  // 0: none
+    LONG result;
+  };
+  const Case cases[] = {
+      {"no room on D", 'D', 0, 0, FS_ERR_CREATE},
+      {"room for one basket", 'D', kBasketBytes + 4096, 0, FS_ERR_CREATE},
+      {"room for a data and an index file", 'D', 67108864 + 3145728 + 4096, 0, FS_ERR_CREATE},
+      {"a data head not written", 0, 0, 1, FS_ERR_CREATE},
+      {"an index head not written", 0, 0, 8, FS_ERR_CREATE},
+      {"a table day not written", 0, 0, 12, FS_ERR_CREATE},
+      {"no room for the catalogue", 'C', 0, 0, FS_ERR_CATALOG},
+      {"the catalogue not written", 0, 0, 13, FS_ERR_CATALOG},
+  };
+  _tagBSKLOC one[] = {{3, 1}};
+  _tagBSKLOC two[] = {{3, 2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
+    StoreProbe store;
+    ASSERT_EQ(store.CreateFS(one, 1), FS_OK);
+    const Bytes catalogue = Catalogue();
+    LONG result = FS_OK;
+    {
+      platform::ScopedFaultInjection faults;
+      if (c.fullDrive) faults->FillDiskAfter(c.fullDrive, c.room);
+      if (c.failWrite) faults->FailWriteAt(c.failWrite);
+      result = store.CreateFS(two, 1);
+    }
+    EXPECT_EQ(result, c.result);
+    if (c.result == FS_ERR_CREATE) {
+      // Undone: no new data file, the catalogue as it was, in memory too.
+      EXPECT_EQ(DataFilesOnD(), 1u);
+      EXPECT_EQ(store.GetFSInfo()->dwBaskets, 1u);
+    } else {
+      EXPECT_EQ(DataFilesOnD(), 3u);  // the baskets stand; memory holds them
+      EXPECT_EQ(store.GetFSInfo()->dwBaskets, 3u);
+    }
+    // A catalogue whose blocks could not be taken is not touched at all.
+    if (c.failWrite != 13) {
+      EXPECT_EQ(Catalogue(), catalogue);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace molra_test
