@@ -75,17 +75,25 @@ LONG CMOLRA::DeleteBakset(LONG number) {
   }
   // dwOldest stays even where it now lies past the list: a load reads such
   // a position as the basket behind the current one.
+  const _tagFSHDR before = head;
   head.dwBaskets = count - 1;
   if (head.dwBaskets == head.dwCurrent && head.dwCurrent != 0) --head.dwCurrent;
-  if (!catalogue.WriteHead(head)) return FS_OK;
-  DWORD at = 0;
-  for (DWORD i = 0; i < count; ++i) {
-    if (i == static_cast<DWORD>(number)) {
-      DeleteBasketFiles(records[i]);
-      continue;
-    }
-    catalogue.WriteRecords(at++, 1, &records[i]);
+  // The records close up first, then the head counts them, and only then
+  // do the basket's files go: a write that fails midway leaves every basket
+  // listed (one of them twice until the old list is back) and no record
+  // naming deleted files. The old list is written back at once.
+  const DWORD first = static_cast<DWORD>(number);
+  const DWORD moved = count - 1 - first;
+  if (catalogue.WriteRecords(first, moved, records.data() + first + 1) &&
+      catalogue.WriteHead(head)) {
+    DeleteBasketFiles(records[first]);
+    return FS_OK;
   }
+  const bool restored = catalogue.WriteRecords(first, moved, records.data() + first) &&
+                        catalogue.WriteHead(before);
+  FsStatusLog(restored ? "DeleteBakset: the catalogue could not be written; nothing deleted"
+                       : "DeleteBakset: the catalogue could not be written nor restored; "
+                         "nothing deleted");
   return FS_OK;
 }
 

@@ -147,6 +147,25 @@ TEST_F(WriteFailuresTest, AgeingAndMarkingThatLoseAWriteKeepTheOtherBaskets) {
         check.CallLoadFSinfo();
         EXPECT_EQ(check.GetFSInfo()->dwBaskets, 5u);
       });
+  // Blanking the tables of the baskets before the current one, and taking
+  // the first out: the current basket's chunks stay found.
+  const size_t firstOfBasket2 = 9;
+  ASSERT_EQ(recorder.OpenFS(0), FS_OK);
+  FailEachWrite([&] { return recorder.DelTBLSaveDataInfo("20101130", "1"); },
+                [&](LONG result, DWORD) {
+                  EXPECT_EQ(result, FS_OK);
+                  ExpectStored(firstOfBasket2);
+                });
+  recorder.CloseFS();
+  // Until a run gets through, the list stays whole; then one basket less.
+  FailEachWrite([&] { return CMOLRA().DeleteBakset(0); },
+                [&](LONG result, DWORD) {
+                  EXPECT_EQ(result, FS_OK);
+                  ExpectStored(firstOfBasket2);
+                });
+  CMOLRA after;
+  after.CallLoadFSinfo();
+  EXPECT_EQ(after.GetFSInfo()->dwBaskets, 4u);
 }
 
 TEST_F(WriteFailuresTest, TheFlushPolicyFlushesInOrderOnLeavingABasketAndAfterItsInterval) {

@@ -1,6 +1,7 @@
 // Room on the drives: a basket holds all its blocks once it is made, and a
 // drive that runs out of room, or a write that fails, fails the creation
 // and leaves the catalogue as it was.
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -92,6 +93,36 @@ TEST_F(SpaceTest, AFullDriveOrAFailedWriteFailsCreation) {
       EXPECT_EQ(Catalogue(), catalogue);
     }
   }
+}
+
+// A real drive that fills up: D: is a small memory file system of its own.
+TEST_F(SpaceTest, ABasketMadeOnADriveThatThenFillsUpTakesItsChunks) {
+  const std::string d = Root('d');
+  std::filesystem::create_directories(d);
+  if (::mount("tmpfs", d.c_str(), "tmpfs", 0, "size=80m") != 0) {
+    GTEST_SKIP() << "no small file system can be mounted here (needs root on Linux)";
+  }
+  struct Unmount {
+    std::string path;
+    ~Unmount() { ::umount(path.c_str()); }
+  } unmount{d};
+  _tagBSKLOC two[] = {{3, 2}};
+  EXPECT_EQ(StoreProbe().CreateFS(two, 1), FS_ERR_CREATE);  // 141 MB do not fit in 80
+  EXPECT_EQ(DataFilesOnD(), 0u);
+  _tagBSKLOC one[] = {{3, 1}};
+  StoreProbe recorder;
+  ASSERT_EQ(recorder.CreateFS(one, 1), FS_OK);
+  // Something else takes the rest of the drive.
+  std::ofstream(Real('d', "filler"), std::ios::binary) << std::string(16 << 20, 'x');
+  ASSERT_EQ(recorder.OpenFS(0), FS_OK);
+  std::vector<BYTE> frame(100000, 0x5A);
+  for (WORD n = 0; n < 600; ++n) {
+    _tagCHUNKHDR chunk{1, {2010, 11, 0, 18, 10, static_cast<WORD>(n / 60), static_cast<WORD>(n % 60), 0},
+                       {}, 0, 0, static_cast<DWORD>(frame.size())};
+    DWORD remaining = 0;
+    ASSERT_EQ(recorder.SaveData(&chunk, frame.data(), &remaining, 0), FS_OK) << n;
+  }
+  recorder.CloseFS();
 }
 
 }  // namespace
