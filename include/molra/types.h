@@ -13,15 +13,34 @@
 
 #include "molra/export.h"
 
+#ifdef _WIN32
+// On Windows the names are the system's own, so that a host may include
+// <windows.h> before or after this header. Included first from here, it
+// leaves out the min and max macros, which would break std::min and
+// std::max in whoever includes the store's headers; a host that wants them
+// includes <windows.h> itself first.
+#ifndef NOMINMAX
+#define NOMINMAX
+#include <windows.h>
+#undef NOMINMAX
+#else
+#include <windows.h>
+#endif
+// A function-like macro that would rename CTime::GetCurrentTime.
+#undef GetCurrentTime
+#else
 typedef std::uint8_t BYTE;
 typedef std::uint16_t WORD;
 typedef std::uint32_t DWORD;
 typedef std::int32_t LONG;
 typedef std::uint16_t WCHAR;  // UTF-16 code unit, as in the zone record
+#endif
 
 static_assert(sizeof(BYTE) == 1 && sizeof(WORD) == 2, "fixed widths");
 static_assert(sizeof(DWORD) == 4 && sizeof(LONG) == 4, "fixed widths");
+static_assert(sizeof(WCHAR) == 2, "fixed widths");
 
+#ifndef _WIN32
 // A stamp: eight unsigned 16-bit fields, 16 bytes.
 typedef struct _SYSTEMTIME {
   WORD wYear;
@@ -34,8 +53,6 @@ typedef struct _SYSTEMTIME {
   WORD wMilliseconds;
 } SYSTEMTIME;
 
-static_assert(sizeof(SYSTEMTIME) == 16, "SYSTEMTIME is 16 bytes");
-
 // The zone record in its recurring form: bias in minutes west of UTC, and
 // the rule dates of the two changes (month, week 1 to 5 in wDay, hour).
 typedef struct _TIME_ZONE_INFORMATION {
@@ -47,7 +64,9 @@ typedef struct _TIME_ZONE_INFORMATION {
   SYSTEMTIME DaylightDate;
   LONG DaylightBias;
 } TIME_ZONE_INFORMATION;
+#endif
 
+static_assert(sizeof(SYSTEMTIME) == 16, "SYSTEMTIME is 16 bytes");
 static_assert(sizeof(TIME_ZONE_INFORMATION) == 172, "zone record is 172 bytes");
 static_assert(offsetof(TIME_ZONE_INFORMATION, StandardDate) == 68, "zone layout");
 static_assert(offsetof(TIME_ZONE_INFORMATION, DaylightBias) == 168, "zone layout");

@@ -79,10 +79,10 @@ void GetSystemTime(SYSTEMTIME* utcNow) {
 
 void GetLocalTime(SYSTEMTIME* localNow) {
   SYSTEMTIME utc;
-  GetSystemTime(&utc);
+  platform::GetSystemTime(&utc);
   const std::int64_t millis = StampToUnixMillis(utc);
   TIME_ZONE_INFORMATION zone;
-  GetTimeZoneInformation(&zone);
+  platform::GetTimeZoneInformation(&zone);
   const std::int64_t seconds = millis / 1000;  // the epoch lies behind every stamp
   std::tm local;
   UnixToLocalTm(zone, seconds, &local);

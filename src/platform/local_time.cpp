@@ -65,7 +65,7 @@ void GetTimeZoneInformation(TIME_ZONE_INFORMATION* zone, std::string* note) {
   if (note) note->clear();
   if (ZoneOverride(zone)) return;
   SYSTEMTIME now;
-  GetSystemTime(&now);
+  platform::GetSystemTime(&now);
   std::string fitted;
   CurrentEnv()->MachineTimeZone(now.wYear, zone, &fitted);
   if (note) *note = fitted;

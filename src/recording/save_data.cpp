@@ -124,7 +124,10 @@ LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, const void* payload, DWORD* remaining
   const SYSTEMTIME latest = basket->stLast;
   if (CompareSystemTime(&stamp, &first, 0) < 0) basket->stFirst = stamp;
   if (CompareSystemTime(&stamp, &latest, 0) > 0) basket->stLast = stamp;
-  SaveFSInfo(static_cast<LONG>(m_FsHdr.dwCurrent));
+  // After a rollover the new basket's record goes before the head that
+  // names it current: a head written alone would lead the next open into
+  // the last cycle's record.
+  SaveCatalogue(static_cast<LONG>(m_FsHdr.dwCurrent), rollOver);
   FlushIfDue();
 
   if (sum >= molra::kDataFileSize) {

@@ -1,8 +1,5 @@
 // Quick-search day files: marks, the month's layout, rows in memory, old
 // files going, and local days read back from UTC files.
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -82,9 +79,7 @@ class DayFileTest : public TempDrives {
   }
   static void Written(const std::string& path, const SYSTEMTIME& utc) {
     Put(path, "x");
-    const time_t seconds = static_cast<time_t>(platform::StampToUnixMillis(utc) / 1000);
-    const timespec times[2] = {{seconds, 0}, {seconds, 0}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    ASSERT_TRUE(SetLastWrite(path, utc));
   }
 };
 

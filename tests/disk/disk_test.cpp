@@ -1,4 +1,4 @@
-#include <unistd.h>
+#include <filesystem>
 
 #include "disk/fs_file.h"
 #include "disk/status_log.h"
@@ -118,10 +118,10 @@ TEST_F(DiskTest, LogLinesEndInLocalTimeUnpaddedAndTheLogStartsAfreshAtTenMiB) {
   FsStatusLog("y");
   EXPECT_EQ(Log(), line);
 
-  ASSERT_EQ(::truncate(LogPath().c_str(), 10485759), 0);  // sparse: quick to make
+  std::filesystem::resize_file(LogPath(), 10485759);  // sparse: quick to make
   FsStatusLog("y");
   EXPECT_EQ(FileSize(LogPath()), 10485759 + static_cast<long long>(line.size()));
-  ASSERT_EQ(::truncate(LogPath().c_str(), 10485760), 0);
+  std::filesystem::resize_file(LogPath(), 10485760);
   FsStatusLog("y");
   EXPECT_EQ(Log(), line);
 }

@@ -61,6 +61,7 @@ TEST(ZoneRuleTest, RulesFillTheWholeRecord) {
   }
 }
 
+#ifndef _WIN32
 // Where the store puts a change of the record in `year`, in UTC seconds.
 std::int64_t StoreChangeUtc(const SYSTEMTIME& date, int year, LONG biasMinutes) {
   const std::int64_t first = platform::DayNumber(year, date.wMonth, 1);
@@ -76,10 +77,14 @@ bool IsDaylight(std::int64_t utc) {
   std::tm local{};
   return localtime_r(&t, &local) != nullptr && local.tm_isdst > 0;
 }
+#endif
 
 // The C library, reading the same rule, changes where the record says
 // (later by the minutes a record cannot hold).
 TEST(ZoneRuleTest, ChangesMatchTheCLibraryYearByYear) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the C library of Windows reads no POSIX zone rules";
+#else
   const struct { const char* rule; int lateMinutes; } rows[] = {
       {"EST5EDT,M3.2.0,M11.1.0", 0}, {"AEST-10AEDT,M10.1.0,M4.1.0/3", 0},
       {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 0}, {"IST-2IDT,M3.4.4/26,M10.5.0", 0},
@@ -102,6 +107,7 @@ TEST(ZoneRuleTest, ChangesMatchTheCLibraryYearByYear) {
   }
   saved ? setenv("TZ", savedTz.c_str(), 1) : unsetenv("TZ");
   tzset();
+#endif
 }
 
 TEST(ZoneRuleTest, NoWholeRuleLeavesTheRecordAlone) {

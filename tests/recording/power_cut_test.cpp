@@ -133,8 +133,9 @@ const std::vector<Case>& Cases() {
         {cat, 128}}},
       {"a rollover to the next basket", 66000000, {{18, 9, 30, 1, 8, 100}},
        {18, 9, 30, 2, 9, 50000}, {18, 9, 30, 3, 10, 50000}, true,
+       // The new basket's record goes before the head that makes it current.
        {{i0, 28}, {i1, 28}, {d1, 16}, {d1, 30}, {d1, 50000}, {i1, 41}, {i1, 28}, {d1, 16},
-        {t1, day}, {cat, 32}, {cat, 128}}},
+        {t1, day}, {cat, 128}, {cat, 32}}},
   };
   return cases;
 }

@@ -1,8 +1,10 @@
 // Reclaiming: ageing the oldest basket, taking baskets out of the
 // catalogue and blanking old baskets' day tables, checked on disk.
+#ifndef _WIN32
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -36,7 +38,15 @@ void Put(Bytes* b, size_t at, const T& v) {
 
 const auto kNamed = [](const auto& info) { return std::string(info.param.name); };
 
-// Holds the current basket open for playback in another process.
+// Holds the current basket open for playback in another process (on
+// Windows, with no fork, in this one).
+#ifdef _WIN32
+struct ChildPlayer {
+  ChildPlayer() : ok(player.OpenFS(1) == FS_OK) {}
+  CMOLRA player;
+  bool ok;
+};
+#else
 struct ChildPlayer {
   ChildPlayer() {
     int up[2];
@@ -53,6 +63,7 @@ struct ChildPlayer {
   pid_t pid = -1;
   bool ok = false;
 };
+#endif
 
 // A chunk on 2010-11-day; day 0 sends the next chunk to the next basket.
 struct Chunk {

@@ -71,7 +71,7 @@ class RecoveryTest : public PlaybackTest {
     std::map<std::string, Bytes> files;
     for (const char drive : {'c', 'd'}) {
       for (const auto& entry : std::filesystem::recursive_directory_iterator(Root(drive))) {
-        const std::string path = entry.path().string();
+        const std::string path = entry.path().generic_string();
         if (entry.is_regular_file()) files[path] = ReadAll(path, 1 << 20);
       }
     }

@@ -270,6 +270,9 @@ TEST_P(SaveDataBrokenBasket, RolloverErasesItAndTriesTheNext) {
   const Broken& b = GetParam();
   ASSERT_NO_FATAL_FAILURE(Make(b.baskets));
   for (const int n : b.broken) {  // a directory where the index should be fails every open
+#ifdef _WIN32
+    if (n == 0) GTEST_SKIP() << "Windows deletes no file that is open, as basket 0 is";
+#endif
     std::filesystem::remove(Path(n, ".CIN"));
     std::filesystem::create_directory(Path(n, ".CIN"));
   }

@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <filesystem>
 
 #include "molra/platform.h"
@@ -91,7 +89,7 @@ TEST_F(CreateFsTest, FailedRequestsKeepTheCatalogueAndUndoTheirDataFiles) {
 
   // The table file of the second new basket cannot be made, after its data file was.
   std::filesystem::remove(Real('d', "MOLRA/FS000002.CTA"));
-  ASSERT_EQ(::mkdir(Real('d', "MOLRA/FS000002.CTA").c_str(), 0777), 0);
+  ASSERT_TRUE(std::filesystem::create_directory(Real('d', "MOLRA/FS000002.CTA")));
   store.refuseAt = 0;
   EXPECT_EQ(store.CreateFS(twoOnDOneOnE, 2), FS_ERR_CREATE);
   EXPECT_EQ(FilesOn('d'), 7u);  // both new data files went again

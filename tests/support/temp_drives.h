@@ -33,6 +33,8 @@ class TempDrives : public ::testing::Test {
   static Bytes ReadAll(const std::string& realPath, size_t limit = SIZE_MAX);
   static long long FileSize(const std::string& realPath);
   static bool FileExists(const std::string& realPath) { return FileSize(realPath) >= 0; }
+  // Sets the last write time of a real file, to the millisecond.
+  static bool SetLastWrite(const std::string& realPath, const SYSTEMTIME& utc);
 
   // The fixed clock: 2010-11-18 09:30:15.250 UTC unless a test moves it.
   SYSTEMTIME m_clock{};

@@ -15,6 +15,11 @@
 
 namespace {
 
+#ifdef _WIN32
+TEST(ZoneOracleTest, ReadsTheZoneThatTzNames) {
+  GTEST_SKIP() << "TZ names no zone on Windows: the machine's zone is the system's record";
+}
+#else
 class ZoneOracleTest : public molra_test::TempDrives {
  protected:
   void SetUp() override {
@@ -105,5 +110,7 @@ TEST_F(ZoneOracleTest, UnknownZoneFallsBackToUtcWithALine) {
   EXPECT_EQ(store.GetTimeZoneInfo().Bias, 0);
   EXPECT_NE(ReadAll(Real('C', "fsdir/status.dat")).find("No/Such_Zone"), std::string::npos);
 }
+
+#endif
 
 }  // namespace

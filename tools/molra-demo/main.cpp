@@ -4,14 +4,13 @@
 // zone it reads and the catalogue with each basket's span in local time.
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <tuple>
 #include <string>
 #include <vector>
 
 #include "molra/molra.h"
+#include "retention_days.h"
 
 namespace {
 
@@ -128,6 +127,13 @@ bool Record(DemoRecorder& store, SYSTEMTIME* first) {
       start = next;
       start.wMilliseconds = 0;
     }
+  }
+  if (latest.wYear != 0) {
+    std::printf("the store holds recordings up to %04u-%02u-%02u %02u:%02u:%02u UTC: this run "
+                "records after them, from %04u-%02u-%02u %02u:%02u:%02u UTC\n",
+                latest.wYear, latest.wMonth, latest.wDay, latest.wHour, latest.wMinute,
+                latest.wSecond, start.wYear, start.wMonth, start.wDay, start.wHour, start.wMinute,
+                start.wSecond);
   }
   *first = start;
   std::vector<BYTE> payload(20000);
@@ -359,15 +365,44 @@ void Retain(DemoRecorder& store, unsigned days) {
   PrintBaskets(store);
 }
 
+const char kUsage[] =
+    "usage: molra-demo [--retain DAYS]\n"
+    "\n"
+    "Lays out a store below ./molra-drives if there is none, records two minutes of a\n"
+    "synthetic 16-channel stream into it behind what it holds, plays some of it back and\n"
+    "prints the zone, the timeline and the catalogue.\n"
+    "\n"
+    "  --retain DAYS  instead, age the store to a retention time of DAYS days\n"
+    "  --help         print this\n";
+
+// One line naming the problem, then the usage; a refused command line
+// has touched no store.
+int Refuse(const std::string& problem) {
+  std::fprintf(stderr, "molra-demo: %s\n%s", problem.c_str(), kUsage);
+  return 2;
+}
+
 }  // namespace
 
-// molra-demo            records and shows the store
-// molra-demo --retain N ages the store to N days instead
 int main(int argc, char** argv) {
+  std::string retain;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    if (arg != "--retain") return Refuse("unknown option " + arg);
+    if (i + 1 == argc) return Refuse("--retain needs a number of days");
+    retain = argv[++i];
+    const std::string problem = molra_tools::RetentionDaysProblem(retain);
+    if (!problem.empty()) return Refuse("--retain: " + problem);
+  }
+
   DemoRecorder store;
   store.CallLoadFSinfo();
-  if (argc == 3 && std::strcmp(argv[1], "--retain") == 0) {
-    Retain(store, static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)));
+  if (!retain.empty()) {
+    Retain(store, molra_tools::RetentionDays(retain));
     return 0;
   }
   if (store.GetFSInfo()->dwBaskets == 0) {

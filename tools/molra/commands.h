@@ -1,0 +1,42 @@
+// The subcommands of the molra program. Each runs after the command line
+// has been read and the drive roots set, and answers the exit code.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "arguments.h"
+#include "molra/types.h"
+
+namespace molra_tools {
+
+// Exit codes: done; the store is damaged, the check found faults or nothing
+// was found; the command line was refused or the store cannot be opened.
+constexpr int kExitOk = 0;
+constexpr int kExitFound = 1;
+constexpr int kExitRefused = 2;
+
+int RunCreate(const std::vector<DriveCount>& drives, bool extend);
+int RunInfo(bool json);
+int RunVerify(bool json);
+// channel and hour -1: the hour grid of the day; else one channel's minutes.
+int RunTimeline(const Day& day, int channel, int hour, bool json);
+int RunRetain(unsigned days);
+
+// Shared by the subcommands.
+
+// The one line of a refusal ("molra: ..." on standard error); kExitRefused.
+int Refuse(const std::string& problem);
+// Whether the catalogue is there, asked without making it (a load would).
+bool CatalogueExists();
+// "YYYY-MM-DD HH:MM:SS"; "" for an empty stamp (year 0).
+std::string Stamp(const SYSTEMTIME& stamp);
+// Up to `size` bytes of a fixed text field up to its terminator, with
+// bytes that are not printable ASCII shown as '?' (a damaged record must
+// not upset a terminal or a JSON reader).
+std::string Printable(const char* text, size_t size);
+
+constexpr const char* kCataloguePath = "C:\\FSDIR\\MOLRA.CFT";
+constexpr const char* kStatusLogPath = "C:\\FSDIR\\status.dat";
+
+}  // namespace molra_tools
