@@ -44,19 +44,18 @@ bool DriveRootPath(char letter, std::wstring* root, size_t* volumeLength) {
   std::wstring path(full.data(), length);
   while (!path.empty() && path.back() == L'\\') path.pop_back();
 
-  if (path.compare(0, 4, L"\\\\?\\") == 0 || path.compare(0, 4, L"\\\\.\\") == 0) {
-    *root = path;  // already in device or long form
-    *volumeLength = path.find(L'\\', 4);
-    if (*volumeLength == std::wstring::npos) *volumeLength = path.size();
-  } else if (path.compare(0, 2, L"\\\\") == 0) {
-    *root = L"\\\\?\\UNC\\" + path.substr(2);
-    const size_t server = root->find(L'\\', 8);
-    const size_t share = server == std::wstring::npos ? server : root->find(L'\\', server + 1);
-    *volumeLength = share == std::wstring::npos ? root->size() : share;
+  if (path.compare(0, 2, L"\\\\") != 0) {
+    *root = L"\\\\?\\" + path;  // "D:\dir"
+  } else if (path.compare(0, 4, L"\\\\?\\") != 0 && path.compare(0, 4, L"\\\\.\\") != 0) {
+    *root = L"\\\\?\\UNC\\" + path.substr(2);  // "\\server\share\dir"
   } else {
-    *root = L"\\\\?\\" + path;
-    *volumeLength = 6;  // "\\?\D:"
+    *root = path;  // already in long or device form
   }
+  // The volume ends behind "\\?\D:", or behind the server and the share.
+  const bool unc = root->compare(0, 8, L"\\\\?\\UNC\\") == 0;
+  size_t end = root->find(L'\\', unc ? 8 : 4);
+  if (unc && end != std::wstring::npos) end = root->find(L'\\', end + 1);
+  *volumeLength = end == std::wstring::npos ? root->size() : end;
   return true;
 }
 

@@ -14,6 +14,13 @@
 
 namespace {
 
+// The C library's thread-safe calendar calls, by their name on each system.
+#ifdef _WIN32
+void gmtime_r(const std::time_t* t, std::tm* out) { gmtime_s(out, t); }
+void localtime_r(const std::time_t* t, std::tm* out) { localtime_s(out, t); }
+std::time_t timegm(std::tm* t) { return _mkgmtime(t); }
+#endif
+
 class DemoRecorder : public CMOLRA {
  public:
   int OnCreatingFS(char* path, DWORD ordinal) override {
