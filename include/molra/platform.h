@@ -43,5 +43,11 @@ MOLRA_API void SetMessageBoxHook(std::function<void(const char*)> hook);
 // default) never flushes.
 MOLRA_API void SetFlushInterval(DWORD seconds);
 
+// With `on`, a player also refuses a chunk whose stored header disagrees
+// with the index entry that leads to it (channel, stamp to the
+// millisecond, frame bits), or that reaches past the data the data file's
+// head counts as written, as it refuses any damaged chunk. Off by default.
+MOLRA_API void SetStrictChunks(bool on);
+
 }  // namespace platform
 }  // namespace molra

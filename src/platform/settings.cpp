@@ -23,6 +23,7 @@ struct Settings {
   std::function<void()> messageHook;
   std::function<void(const char*)> messageBoxHook;
   std::atomic<DWORD> flushInterval{0};
+  std::atomic<bool> strictChunks{false};
 };
 
 Settings& Get() {
@@ -71,6 +72,10 @@ void SetMessageBoxHook(std::function<void(const char*)> hook) {
 void SetFlushInterval(DWORD seconds) { Get().flushInterval.store(seconds); }
 
 DWORD FlushInterval() { return Get().flushInterval.load(); }
+
+void SetStrictChunks(bool on) { Get().strictChunks.store(on); }
+
+bool StrictChunks() { return Get().strictChunks.load(); }
 
 std::string DriveRoot(char letter) {
   Settings& s = Get();

@@ -27,5 +27,8 @@ void ShowMessageBox(const char* text);
 // Seconds between a recorder's flushes; 0 never.
 DWORD FlushInterval();
 
+// Whether players check each chunk against its index entry.
+bool StrictChunks();
+
 }  // namespace platform
 }  // namespace molra

@@ -1,13 +1,16 @@
 // Handing a chunk out to the caller: the one road by which recordings
 // leave the store, with the test that keeps a damaged record away from
 // the host, and the log of what it refused.
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
 #include "disk/fs_file.h"
 #include "disk/status_log.h"
 #include "index/fs_index.h"
+#include "index/index_format.h"
 #include "molra/molra.h"
+#include "platform/settings.h"
 #include "playback/walk_limits.h"
 
 namespace {
@@ -22,6 +25,30 @@ bool Plausible(const _tagCHUNKHDR& header) {
          stamp.wSecond <= 60 && header.dwLength <= molra::kMaxChunkLength;
 }
 
+// The strict test: the header agrees with the node that leads to it, and
+// the chunk lies within what the data head counts as written. The head is
+// read afresh, as the recorder may have moved it since this reader opened
+// the basket; and as the recorder writes the chunk and its node before the
+// head, a chunk that starts right at the head may reach past it.
+bool AgreesWithIndex(CFsFile* data, CFsIndex* index, const _tagIDXREF& ref,
+                     const _tagCHUNKHDR& read) {
+  if (read.chChannel != ref.cChannel || read.dwInfo != ref.dwInfo) return false;
+  _tagIDXNODE node;
+  // The node under the cursor is the one that named the chunk; a walk that
+  // moved on keeps only the reference's own fields to compare.
+  if (index && index->Cursor() != 0 && index->ReadAt(index->Cursor(), &node, sizeof node) &&
+      node.Ref.dwOffset == ref.dwOffset) {
+    const SYSTEMTIME t = read.stTime;
+    const molra::KeyText key = molra::MakeKey(t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
+                                              t.wSecond, t.wMilliseconds, 0);
+    if (CFsIndex::CompareKey(key.text, node.cKey, 18) != 0) return false;
+  }
+  DWORD head = 0;
+  if (!data->ReadAt(offsetof(_tagDATAHDR, dwWritePos), &head, sizeof head)) return false;
+  const std::uint64_t end = std::uint64_t{ref.dwOffset} + sizeof read + read.dwLength;
+  return ref.dwOffset >= sizeof(_tagDATAHDR) && (end <= head || ref.dwOffset == head);
+}
+
 }  // namespace
 
 LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
@@ -32,7 +59,9 @@ LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char*
   if (!data || !data->ReadAt(ref.dwOffset, header, sizeof *header)) return FS_ERR_FILE;
   _tagCHUNKHDR read;
   std::memcpy(&read, header, sizeof read);
-  if (!Plausible(read) || (refuseEmpty && read.dwLength == 0)) {
+  if (!Plausible(read) || (refuseEmpty && read.dwLength == 0) ||
+      (molra::platform::StrictChunks() &&
+       !AgreesWithIndex(data.get(), m_pIndex.get(), ref, read))) {
     FsNoExistData(header);
     return FS_ERR_FILE;
   }

@@ -36,6 +36,9 @@ refusals=(
   "--bogus" "nosuch" "retain abc" "retain -1" "retain 0x10" "retain ''" "retain 0" "retain 1 2"
   "create" "create D2" "create D:0" "create 1:2" "timeline 2024-02-30"
   "timeline 2024-02-03 --channel 3" "timeline 2024-02-03 --channel 16 --hour 1"
+  "record --channel 3" "record --channel 3 --fps 0 -" "record --channel 3 --start 2024-02-30T00:00:00 -"
+  "export --channel 3 --from 2024-02-03T00:00:00 --to 2024-02-03T00:00:00 x.mp4"
+  "export --channel 3 --from 2024-02-03T00:00:00 --to 2024-02-04T00:00:00 x.avi"
 )
 for args in "${refusals[@]}"; do
   eval "expect 2 \"\$molra\" --drives \"\$drives\" $args"

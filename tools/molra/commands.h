@@ -10,8 +10,9 @@
 
 namespace molra_tools {
 
-// Exit codes: done; the store is damaged, the check found faults or nothing
-// was found; the command line was refused or the store cannot be opened.
+// Exit codes: done; the store is damaged, the check found faults, nothing
+// was found, or a record or export stopped part way; the command line, the
+// store or the input was refused, and nothing was stored or written.
 constexpr int kExitOk = 0;
 constexpr int kExitFound = 1;
 constexpr int kExitRefused = 2;
@@ -22,6 +23,11 @@ int RunVerify(bool json);
 // channel and hour -1: the hour grid of the day; else one channel's minutes.
 int RunTimeline(const Day& day, int channel, int hour, bool json);
 int RunRetain(unsigned days);
+// A stream into channel `channel`, the first frame stamped `start` (UTC
+// milliseconds), the next ones 1/fps second apart. FILE "-" is standard input.
+int RunRecord(int channel, double fps, long long start, const std::string& file);
+// The chunks of [from, to) into a video file; built with libavformat only.
+int RunExport(int channel, long long from, long long to, const std::string& path);
 
 // Shared by the subcommands.
 

@@ -1,11 +1,12 @@
 // molra: lays out, inspects, checks and ages a recording store from the
-// command line. Every value is checked before the first library call,
-// since even loading the catalogue makes the store's home directory.
-#include <sys/stat.h>
+// command line, and takes H.264 video in and out of it. Every value is
+// checked before the first library call, since even loading the catalogue
+// makes the store's home directory.
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "molra/platform.h"
 #include "result_names.h"
 #include "retention_days.h"
+#include "utc_time.h"
 
 namespace {
 
@@ -34,11 +36,13 @@ CLI::Validator DrivesCheck() {
   return CLI::Validator(
       [](std::string& directory) -> std::string {
         if (directory.empty()) return "the directory is empty";
-        struct stat st;
-        if (::stat(directory.c_str(), &st) != 0) {
-          return errno == ENOENT ? "" : directory + ": " + molra_tools::DescribeErrno(errno);
-        }
-        return S_ISDIR(st.st_mode) ? "" : directory + ": " + molra_tools::DescribeErrno(ENOTDIR);
+        std::error_code error;
+        const auto status = std::filesystem::status(directory, error);
+        if (status.type() == std::filesystem::file_type::not_found) return "";
+        if (error) return directory + ": " + error.message();
+        return std::filesystem::is_directory(status)
+                   ? ""
+                   : directory + ": " + molra_tools::DescribeErrno(ENOTDIR);
       },
       "");
 }
@@ -64,12 +68,14 @@ int EndOfParse(const CLI::App& app, const CLI::ParseError& error, const std::str
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Lays out, inspects, checks and ages a recording store.", "molra"};
+  CLI::App app{"Lays out, inspects, checks and ages a recording store; records and exports H.264.",
+               "molra"};
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(
-      "Times are UTC. Exit codes: 0 done; 1 the store is damaged, the check found faults or "
-      "nothing was found; 2 the command line was refused or the store cannot be opened.");
+      "Times are UTC. Exit codes: 0 done; 1 the store is damaged, the check found faults, "
+      "nothing was found, or a record or export stopped part way (what it did stays); 2 the "
+      "command line, the store or the input was refused, and nothing was stored or written.");
 
   std::string drives;
   app.add_option("--drives", drives,
@@ -124,6 +130,63 @@ int main(int argc, char** argv) {
       ->type_name("")
       ->check(RetentionDaysCheck());
 
+  CLI::App* record = app.add_subcommand(
+      "record", "store an H.264 byte stream in a channel, one chunk per frame (access unit)");
+  int recordChannel = 0;
+  std::string fpsText = "25", startText, input;
+  record->add_option("--channel", recordChannel, "the channel C, 0 to 15")
+      ->required()
+      ->type_name("C")
+      ->check(CLI::Range(0, 15).description(""));
+  record->add_option("--fps", fpsText, "frames a second F, the step of the stamps (default 25)")
+      ->type_name("F")
+      ->check(Checked(&molra_tools::ParseFrameRate));
+  record->add_option("--start", startText,
+                     "the first frame's stamp, YYYY-MM-DD HH:MM:SS[.mmm] (default now)")
+      ->type_name("TIME")
+      ->check(Checked(&molra_tools::ParseUtcTime));
+  record->add_option("FILE", input, "an H.264 Annex B stream; - reads standard input")
+      ->required()
+      ->type_name("");
+  record->footer(
+      "Frame n is stamped TIME + n/F seconds, to the millisecond; IDR frames are key frames. "
+      "A stream that is not H.264 Annex B, or a TIME not after the store's newest stamp, is "
+      "refused before anything is stored (2). A stream that breaks off, or holds a frame longer "
+      "than a chunk takes (811008 bytes), keeps the frames before the break (1).");
+
+#ifdef MOLRA_WITH_LIBAV
+  CLI::App* exporter = app.add_subcommand(
+      "export", "write a channel's frames of a time range to a video file, as stored");
+#else
+  CLI::App* exporter =
+      app.add_subcommand("export", "not in this build: molra was built without libavformat");
+#endif
+  int exportChannel = 0;
+  std::string fromText, toText, output;
+  exporter->add_option("--channel", exportChannel, "the channel C, 0 to 15")
+      ->required()
+      ->type_name("C")
+      ->check(CLI::Range(0, 15).description(""));
+  exporter->add_option("--from", fromText, "the range's start, YYYY-MM-DD HH:MM:SS[.mmm]")
+      ->required()
+      ->type_name("TIME")
+      ->check(Checked(&molra_tools::ParseUtcTime));
+  exporter->add_option("--to", toText, "the range's end, left out")
+      ->required()
+      ->type_name("TIME")
+      ->check(Checked(&molra_tools::ParseUtcTime));
+  exporter->add_option("OUT", output, "the file: .mp4, .mov, .mkv or .ts")
+      ->required()
+      ->type_name("")
+      ->check(Checked(&molra_tools::ParseVideoFile));
+#ifdef MOLRA_WITH_LIBAV
+  exporter->footer(
+      "The chunks stamped in [--from, --to), from the key frame at or before --from, copied "
+      "without re-encoding; decode times are the stamps. Nothing recorded then: 1.");
+#else
+  exporter->footer("This molra was built without libavformat, libavcodec and libavutil.");
+#endif
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -163,5 +226,26 @@ int main(int argc, char** argv) {
     return molra_tools::RunTimeline(day, channel, hour, json);
   }
   if (retain->parsed()) return molra_tools::RunRetain(molra_tools::RetentionDays(daysText));
+  if (record->parsed()) {
+    double fps = 25;
+    long long start = molra_tools::NowMilliseconds();
+    molra_tools::ParseFrameRate(fpsText, &fps);
+    if (!startText.empty()) molra_tools::ParseUtcTime(startText, &start);
+    return molra_tools::RunRecord(recordChannel, fps, start, input);
+  }
+  if (exporter->parsed()) {
+#ifdef MOLRA_WITH_LIBAV
+    long long from = 0, to = 0;
+    molra_tools::ParseUtcTime(fromText, &from);
+    molra_tools::ParseUtcTime(toText, &to);
+    if (from >= to) {
+      std::fprintf(stderr, "molra: --from must lie before --to\n%s", app.help().c_str());
+      return molra_tools::kExitRefused;
+    }
+    return molra_tools::RunExport(exportChannel, from, to, output);
+#else
+    return molra_tools::Refuse("this molra was built without libavformat: no export");
+#endif
+  }
   return molra_tools::kExitRefused;
 }

@@ -1,11 +1,11 @@
 // create, info and retain: the catalogue and the ring as a whole.
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "console.h"
 #include "commands.h"
 #include "molra/molra.h"
 #include "result_names.h"
@@ -59,7 +59,7 @@ nlohmann::ordered_json JsonStamp(const SYSTEMTIME& stamp) {
 int RunCreate(const std::vector<DriveCount>& drives, bool extend) {
   long long total = 0;
   for (const DriveCount& drive : drives) total += drive.count;
-  Creator store(isatty(STDERR_FILENO) != 0, total);
+  Creator store(molra_tools::StderrIsTerminal(), total);
   store.CallLoadFSinfo();
   const DWORD before = store.GetFSInfo()->dwBaskets;
   if (before > 0 && !extend) return Refuse("a store exists; use --extend to add baskets");
@@ -154,7 +154,7 @@ int RunRetain(unsigned days) {
   const long long cutOff = static_cast<long long>(std::time(nullptr)) - 86400LL * days;
   const std::time_t when = static_cast<std::time_t>(cutOff);
   std::tm utc{};
-  if (gmtime_r(&when, &utc) != nullptr && utc.tm_year + 1900 >= 1) {
+  if (molra_tools::UtcFields(when, &utc) && utc.tm_year + 1900 >= 1) {
     std::printf("retention of %u day%s: recordings of %04d-%02d-%02d (UTC) and before go\n", days,
                 days == 1 ? "" : "s", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday);
   } else {

@@ -1,10 +1,10 @@
 // verify: every file of the store checked against its format, read only.
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "console.h"
 #include "commands.h"
 #include "verify/store_verifier.h"
 
@@ -16,7 +16,7 @@ namespace {
 // that a small store gives no flicker.
 class ProgressBar {
  public:
-  ProgressBar() : m_enabled(isatty(STDERR_FILENO) != 0), m_start(Clock::now()) {}
+  ProgressBar() : m_enabled(molra_tools::StderrIsTerminal()), m_start(Clock::now()) {}
   ~ProgressBar() {
     if (m_drawn) std::fprintf(stderr, "\r%*s\r", 60, "");
   }
