@@ -26,9 +26,9 @@
 namespace molra {
 namespace platform {
 
-class CrashEnv : public Env {
+class CrashEnv : public EnvWrapper {
  public:
-  explicit CrashEnv(Env* target = Env::Default()) : m_target(target) {}
+  explicit CrashEnv(Env* target = Env::Default()) : EnvWrapper(target) {}
 
   // Write n (counted by Write and WriteAt, the first after this call is
   // 1) and everything after it fail; 0 cuts nothing.
@@ -60,21 +60,8 @@ class CrashEnv : public Env {
                                  Disposition disposition) override;
   bool RemoveFile(const char* path) override;
   bool MakeDirectory(const char* path) override;
-  bool Exists(const char* path) override { return m_target->Exists(path); }
-  bool FileSize(const char* path, std::uint64_t* size) override {
-    return m_target->FileSize(path, size);
-  }
-  DWORD GetAttributes(const char* path) override { return m_target->GetAttributes(path); }
   bool SetAttributes(const char* path, DWORD attributes) override;
-  bool FindFiles(const char* pattern, std::vector<FoundFile>* found) override {
-    return m_target->FindFiles(pattern, found);
-  }
   bool AppendText(const char* path, const char* text) override;
-  void NowUtc(SYSTEMTIME* now) override { m_target->NowUtc(now); }
-  void MachineTimeZone(int year, TIME_ZONE_INFORMATION* zone, std::string* note) override {
-    m_target->MachineTimeZone(year, zone, note);
-  }
-  void Sleep(DWORD milliseconds) override { m_target->Sleep(milliseconds); }
 
  private:
   struct Write {
@@ -90,7 +77,6 @@ class CrashEnv : public Env {
 
   bool ChangesFail() const;
 
-  Env* const m_target;
   mutable std::mutex m_mutex;  // guards everything below
   DWORD m_writes = 0;
   DWORD m_cutAt = 0;

@@ -154,6 +154,42 @@ class Env {
   virtual void Sleep(DWORD milliseconds) = 0;
 };
 
+// An Env that hands every call on to another one: an environment for
+// tests derives from it and overrides only what it changes.
+class EnvWrapper : public Env {
+ public:
+  explicit EnvWrapper(Env* target) : m_target(target) {}
+
+  std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
+                                 Disposition disposition) override {
+    return m_target->OpenFile(path, access, share, disposition);
+  }
+  bool RemoveFile(const char* path) override { return m_target->RemoveFile(path); }
+  bool MakeDirectory(const char* path) override { return m_target->MakeDirectory(path); }
+  bool Exists(const char* path) override { return m_target->Exists(path); }
+  bool FileSize(const char* path, std::uint64_t* size) override {
+    return m_target->FileSize(path, size);
+  }
+  DWORD GetAttributes(const char* path) override { return m_target->GetAttributes(path); }
+  bool SetAttributes(const char* path, DWORD attributes) override {
+    return m_target->SetAttributes(path, attributes);
+  }
+  bool FindFiles(const char* pattern, std::vector<FoundFile>* found) override {
+    return m_target->FindFiles(pattern, found);
+  }
+  bool AppendText(const char* path, const char* text) override {
+    return m_target->AppendText(path, text);
+  }
+  void NowUtc(SYSTEMTIME* now) override { m_target->NowUtc(now); }
+  void MachineTimeZone(int year, TIME_ZONE_INFORMATION* zone, std::string* note) override {
+    m_target->MachineTimeZone(year, zone, note);
+  }
+  void Sleep(DWORD milliseconds) override { m_target->Sleep(milliseconds); }
+
+ protected:
+  Env* const m_target;
+};
+
 // The Env that the store uses: the default backend unless a test has
 // installed another one.
 Env* CurrentEnv();

@@ -14,9 +14,9 @@
 namespace molra {
 namespace platform {
 
-class FaultInjectionEnv : public Env {
+class FaultInjectionEnv : public EnvWrapper {
  public:
-  explicit FaultInjectionEnv(Env* target = Env::Default()) : m_target(target) {}
+  explicit FaultInjectionEnv(Env* target = Env::Default()) : EnvWrapper(target) {}
 
   // The write count starts again at each of the two calls below. Writes
   // are counted by File::Write only; the first write after the call is
@@ -61,28 +61,12 @@ class FaultInjectionEnv : public Env {
                                  Disposition disposition) override;
   bool RemoveFile(const char* path) override;
   bool MakeDirectory(const char* path) override;
-  bool Exists(const char* path) override { return m_target->Exists(path); }
-  bool FileSize(const char* path, std::uint64_t* size) override {
-    return m_target->FileSize(path, size);
-  }
-  DWORD GetAttributes(const char* path) override {
-    return m_target->GetAttributes(path);
-  }
   bool SetAttributes(const char* path, DWORD attributes) override;
-  bool FindFiles(const char* pattern, std::vector<FoundFile>* found) override {
-    return m_target->FindFiles(pattern, found);
-  }
   bool AppendText(const char* path, const char* text) override;
-  void NowUtc(SYSTEMTIME* now) override { m_target->NowUtc(now); }
-  void MachineTimeZone(int year, TIME_ZONE_INFORMATION* zone, std::string* note) override {
-    m_target->MachineTimeZone(year, zone, note);
-  }
-  void Sleep(DWORD milliseconds) override { m_target->Sleep(milliseconds); }
 
  private:
   void ResetWrites();
 
-  Env* const m_target;
   std::atomic<DWORD> m_writes{0};
   std::atomic<DWORD> m_failAt{0};     // 0: none
   std::atomic<DWORD> m_cutAt{0};      // 0: none

@@ -10,6 +10,7 @@
 
 #include "platform/env.h"
 #include "platform/settings.h"
+#include "platform/wildcard.h"
 
 namespace molra {
 namespace platform {
@@ -89,27 +90,10 @@ bool ResolvePath(const char* path, std::string* real) {
 }
 
 bool MatchesPattern(const char* pattern, const char* name) {
-  // Iterative wildcard match with one backtrack point.
-  const char* star = nullptr;
-  const char* resume = nullptr;
-  while (*name) {
-    if (*pattern == '*') {
-      star = pattern++;
-      resume = name;
-    } else if (*pattern == '?' ||
-               std::tolower(static_cast<unsigned char>(*pattern)) ==
-                   std::tolower(static_cast<unsigned char>(*name))) {
-      ++pattern;
-      ++name;
-    } else if (star) {
-      pattern = star + 1;
-      name = ++resume;
-    } else {
-      return false;
-    }
-  }
-  while (*pattern == '*') ++pattern;
-  return *pattern == '\0';
+  return MatchWildcard(pattern, name, [](char a, char b) {
+    return std::tolower(static_cast<unsigned char>(a)) ==
+           std::tolower(static_cast<unsigned char>(b));
+  });
 }
 
 }  // namespace platform

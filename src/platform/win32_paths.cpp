@@ -6,6 +6,7 @@
 
 #include "platform/env.h"
 #include "platform/settings.h"
+#include "platform/wildcard.h"
 
 namespace molra {
 namespace platform {
@@ -124,28 +125,9 @@ bool ResolvePath(const char* path, std::wstring* real) {
 }
 
 bool MatchesPattern(const wchar_t* pattern, const wchar_t* name) {
-  const auto same = [](wchar_t a, wchar_t b) {
+  return MatchWildcard(pattern, name, [](wchar_t a, wchar_t b) {
     return a == b || ::CompareStringOrdinal(&a, 1, &b, 1, TRUE) == CSTR_EQUAL;
-  };
-  // Iterative wildcard match with one backtrack point.
-  const wchar_t* star = nullptr;
-  const wchar_t* resume = nullptr;
-  while (*name) {
-    if (*pattern == L'*') {
-      star = pattern++;
-      resume = name;
-    } else if (*pattern == L'?' || (*pattern && same(*pattern, *name))) {
-      ++pattern;
-      ++name;
-    } else if (star) {
-      pattern = star + 1;
-      name = ++resume;
-    } else {
-      return false;
-    }
-  }
-  while (*pattern == L'*') ++pattern;
-  return *pattern == L'\0';
+  });
 }
 
 }  // namespace platform

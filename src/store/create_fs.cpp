@@ -169,7 +169,8 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
   m_FsHdr.dwBaskets = static_cast<DWORD>(records->size());
   m_ppBasket = std::move(records);
   const std::uint64_t catalogue =
-      sizeof(_tagFSHDR) + std::uint64_t{sizeof(_tagFSBSKINFO)} * m_ppBasket->size();
+      molra::CatalogueFile::kHeadSize +
+      std::uint64_t{molra::CatalogueFile::kRecordSize} * m_ppBasket->size();
   if (catalogue > 0xFFFFFFFFull || !ReserveCatalogue(static_cast<DWORD>(catalogue))) {
     return FS_ERR_CATALOG;
   }
