@@ -68,15 +68,41 @@ molra::KeyText KeyOf(const SYSTEMTIME& t, int sequence) {
                         t.wMilliseconds, sequence);
 }
 
+// Chunk headers at rising offsets, read through one window that moves
+// forward with them: a basket's whole run costs one sequential pass.
+class ChunkHeads {
+ public:
+  ChunkHeads(CFsFile* data, DWORD size) : m_data(data), m_size(size) {}
+  DWORD Size() const { return m_size; }
+  bool Read(DWORD offset, _tagCHUNKHDR* chunk) {
+    if (offset < kDataHead || offset > m_size || m_size - offset < kChunkHead) return false;
+    if (offset < m_from || offset - m_from + kChunkHead > m_window.size()) {
+      m_window.resize(std::min(kWindow, m_size - offset));
+      m_from = offset;
+      if (!m_data->ReadAt(offset, m_window.data(), static_cast<DWORD>(m_window.size()))) {
+        m_window.clear();
+        return false;
+      }
+    }
+    std::memcpy(chunk, m_window.data() + (offset - m_from), kChunkHead);
+    return true;
+  }
+
+ private:
+  static constexpr DWORD kWindow = 256 * 1024;
+  CFsFile* m_data;
+  DWORD m_size;
+  DWORD m_from = 0;
+  std::vector<unsigned char> m_window;
+};
+
 // Whether the data file holds, at the node's offset, the chunk the node
 // names: its stamp, channel and info word, and all of its payload.
-bool ChunkHolds(CFsFile* data, DWORD dataSize, const _tagIDXNODE& node, DWORD* end) {
+bool ChunkHolds(ChunkHeads& heads, const _tagIDXNODE& node, DWORD* end) {
   const DWORD offset = node.Ref.dwOffset;
+  const DWORD dataSize = heads.Size();
   _tagCHUNKHDR chunk;
-  if (offset < kDataHead || offset > dataSize || dataSize - offset < kChunkHead ||
-      !data->ReadAt(offset, &chunk, sizeof chunk)) {
-    return false;
-  }
+  if (!heads.Read(offset, &chunk)) return false;
   const std::uint64_t stop = std::uint64_t{offset} + kChunkHead + chunk.dwLength;
   const SYSTEMTIME stamp = chunk.stTime;
   if (stop > dataSize || chunk.chChannel != node.Ref.cChannel ||
@@ -238,13 +264,26 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
     r.lostFrom = At(kept);
   }
 
-  // The last nodes must name chunks that the data file holds.
+  // Every node must name the chunk that the data file holds where the
+  // chunk of the node before it ends: a cycle's chunks lie back to back
+  // from the data head on, in the order of their nodes. A node of an
+  // earlier cycle that a lost write left among this cycle's nodes names
+  // its own chunk, but never where this cycle's run has got to; it ends
+  // the tree, and so does a node whose chunk a lost write never stored.
   if (data) {
-    while (kept > 0 && !ChunkHolds(data, dataSize, nodes[kept - 1], &r.chunkEnd)) {
-      --kept;
-      ++r.dropped;
+    ChunkHeads heads(data, dataSize);
+    DWORD end = kDataHead;
+    DWORD holding = 0;
+    while (holding < kept && nodes[holding].Ref.dwOffset == end &&
+           ChunkHolds(heads, nodes[holding], &end)) {
+      ++holding;
     }
-    if (r.dropped != 0) r.droppedFrom = At(kept);
+    r.chunkEnd = end;
+    if (holding < kept) {
+      r.dropped = kept - holding;
+      r.droppedFrom = At(holding);
+      kept = holding;
+    }
     nodes.resize(kept);
     dirty.resize(kept);
   }

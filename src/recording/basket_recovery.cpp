@@ -36,8 +36,9 @@ void RecoverBasket(const _tagFSBSKINFO& basket, CFsIndex* index, CFsFile* data,
   // An index that cannot be read is believed as it stands.
   if (!index->Check(data, head->dwWritePos, basket.dwChunks != 0, &repair)) return;
   const DWORD was = head->dwWritePos;
-  const bool headHolds =
-      was >= sizeof *head && was >= repair.chunkEnd && was <= data->GetSize();
+  // Saves go on exactly where the last chunk of the tree ends: a gap
+  // would break the run of chunks that the next check follows.
+  const bool headHolds = was == repair.chunkEnd;
   if (!repair.Needed() && headHolds) return;
 
   bool written = !repair.Needed() || index->Apply(repair, true);

@@ -108,7 +108,7 @@ DWORD Lookup(const Chunk& chunk) {
 
 struct Case {
   const char* name;
-  DWORD writePos;            // put into basket 0's data head; 0 leaves it
+  bool full;                 // basket 0 holds all the chunks it may after `before`
   std::vector<Plan> before;  // saved while the power is on
   Plan cut;                  // the save the power stops
   Plan next;                 // the first save after the restart
@@ -122,16 +122,16 @@ const std::vector<Case>& Cases() {
   const std::string cat = "MOLRA.CFT";
   const DWORD day = sizeof(_tagFSBSKTBL);
   static const std::vector<Case> cases = {
-      {"a new hour in the middle of a basket", 0,
+      {"a new hour in the middle of a basket", false,
        {{18, 9, 30, 1, 1, 1000}, {18, 9, 30, 2, 2, 1000}}, {18, 10, 0, 3, 3, 2000},
        {18, 10, 0, 4, 4, 500}, false,
        {{d0, 30}, {d0, 2000}, {i0, 41}, {i0, 41}, {i0, 28}, {d0, 16}, {t0, 4}, {t0, 4},
         {cat, 32}, {cat, 128}}},
-      {"the first chunk of a new day", 0, {{18, 23, 59, 58, 5, 1000}}, {19, 0, 0, 1, 6, 2000},
+      {"the first chunk of a new day", false, {{18, 23, 59, 58, 5, 1000}}, {19, 0, 0, 1, 6, 2000},
        {19, 0, 0, 2, 7, 500}, false,
        {{d0, 30}, {d0, 2000}, {i0, 41}, {i0, 41}, {i0, 28}, {d0, 16}, {t0, day}, {cat, 32},
         {cat, 128}}},
-      {"a rollover to the next basket", 66000000, {{18, 9, 30, 1, 8, 100}},
+      {"a rollover to the next basket", true, {{18, 9, 30, 1, 8, 100}},
        {18, 9, 30, 2, 9, 50000}, {18, 9, 30, 3, 10, 50000}, true,
        // The new basket's record goes before the head that makes it current.
        {{i0, 28}, {i1, 28}, {d1, 16}, {d1, 30}, {d1, 50000}, {i1, 41}, {i1, 28}, {d1, 16},
@@ -168,10 +168,9 @@ class PowerCut : public molra_test::TempDrives {
     for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
     _tagBSKLOC where{3, 2};
     ASSERT_EQ(CMOLRA().CreateFS(&where, 1), FS_OK);
-    if (c.writePos != 0) SetWritePos(0, c.writePos);
     if (c.rolls) SetWritePos(1, 1000000);  // as an earlier cycle left it
     std::vector<Chunk> saved;
-    DWORD end = c.writePos != 0 ? c.writePos : kDataHead;
+    DWORD end = kDataHead;
     for (const Plan& plan : c.before) {
       saved.push_back(Make(plan, 0, end));
       end += kChunkHead + plan.length;
@@ -182,6 +181,11 @@ class PowerCut : public molra_test::TempDrives {
       molra_test::StoreProbe store;
       ASSERT_EQ(store.OpenFS(0), FS_OK);
       for (Chunk& chunk : saved) ASSERT_EQ(Save(store, chunk), FS_OK);
+      // As 70,001 saves would leave it, without making them.
+      if (c.full) {
+        store.Basket(0)->dwChunks = 70001;
+        ASSERT_EQ(store.SaveFSInfo(0), FS_OK);
+      }
       faults.log.clear();
       faults.CutPowerAtWrite(cut);
       const LONG result = Save(store, pending);

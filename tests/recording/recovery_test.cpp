@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "index/index_format.h"
 #include "platform/fault_injection.h"
 #include "playback/playback_fixture.h"
 
@@ -116,6 +118,17 @@ const Harm kHarms[] = {
     {"write position beyond the file", 10, 10,
      [](Path, Path data) { Poke(data, 8, Word(67108864 + 256)); },
      "FS000000.CDT at 8 : write position 67109120 set to 396"},
+    {"a node of the last cycle left in slot 5, its link lost", 10, 10,
+     [](Path index, Path data) {
+       // That cycle's chunk lies further on, where this one has not come.
+       _tagCHUNKHDR old{1, At(9, 0, 5), {}, 5, 0x10000, kLength};
+       Poke(data, Chunk(40), Bytes(reinterpret_cast<const char*>(&old), sizeof old));
+       _tagIDXNODE node{Node(4), 0, Node(6), {5, 0x10000, Chunk(40)}, {}};
+       std::memcpy(node.cKey, molra::MakeKey(2010, 11, 18, 9, 0, 5, 0, 0).text, 20);
+       Poke(index, Node(5), Bytes(reinterpret_cast<const char*>(&node), sizeof node));
+       Poke(index, Node(4) + 8, Word(0));
+     },
+     "FS000000.CIN at 233 : chunks entered again from the data file: 5"},
     {"last three chunks never written", 10, 7,
      [](Path, Path data) { Poke(data, Chunk(7), Bytes(3 * kStride, '\0')); },
      "FS000000.CIN at 315 : nodes dropped, their chunks are not in the data file: 3"},
