@@ -24,11 +24,11 @@ struct _tagIDXREF;
 class MOLRA_API CMOLRA {
  public:
   CMOLRA();
-  // A copy shares the original's open files and catalogue records:
-  // whichever object lets go of them last releases them, once. It has a
-  // clock of its own with the original's zone and window.
-  CMOLRA(const CMOLRA& other);
-  CMOLRA& operator=(const CMOLRA& other);
+  // The compiler's copy: a copy shares the original's open files,
+  // catalogue records and zone clock, and whichever object lets go of
+  // them last releases them, once. Nothing points back into an object.
+  CMOLRA(const CMOLRA& other) = default;
+  CMOLRA& operator=(const CMOLRA& other) = default;
 
   // Host hooks. OnCreatingFS is asked before each new basket is made
   // (ordinal from 1 within one CreateFS) and refuses with 0.
@@ -225,7 +225,6 @@ class MOLRA_API CMOLRA {
   LONG ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
                ReadKind kind, bool refuseEmpty);
 
-  void CopyClock(const CMOLRA& other);
 
   // Whether a basket's three files and the catalogue are at hand.
   bool StoreOpen() const { return m_pData && m_pIndex && m_pTable && m_ppBasket; }
@@ -236,7 +235,16 @@ class MOLRA_API CMOLRA {
   DWORD m_bFull;
   DWORD m_bIFrame[16];
   DWORD m_dwFill;
-  std::atomic<LONG> m_lExit;
+  // Raised from another thread to cancel a descent; a copy takes its value.
+  struct ExitFlag : std::atomic<LONG> {
+    explicit ExitFlag(LONG value = 0) : std::atomic<LONG>(value) {}
+    ExitFlag(const ExitFlag& other) : std::atomic<LONG>(other.load()) {}
+    ExitFlag& operator=(const ExitFlag& other) {
+      store(other.load());
+      return *this;
+    }
+  };
+  ExitFlag m_lExit;
 
  public:
   // Time. Days from b to a, by their dates alone (0 when either date does
@@ -323,7 +331,7 @@ class MOLRA_API CMOLRA {
   CTime m_tDstEnd;
   CTime m_tDstBeginUtc;
   CTime m_tDstEndUtc;
-  std::unique_ptr<CZoneClock> m_pClock;
+  std::shared_ptr<const CZoneClock> m_pClock;  // never changed once made
   SYSTEMTIME m_stLastRead;
   // Key frames met per channel in the second of m_stLastRead.
   signed char m_ChanHits[32];

@@ -11,8 +11,9 @@ long Triple(const SYSTEMTIME& t) { return (long{t.wMonth} * 100 + t.wDay) * 100 
 
 }  // namespace
 
-void CZoneClock::SetWindow(TIME_ZONE_INFORMATION* zone, SYSTEMTIME begin, SYSTEMTIME end) {
-  m_pTzi = zone;
+void CZoneClock::SetWindow(const TIME_ZONE_INFORMATION* zone, SYSTEMTIME begin, SYSTEMTIME end) {
+  m_bZone = zone != nullptr;
+  m_Tzi = zone ? *zone : TIME_ZONE_INFORMATION{};
   m_stBegin = begin;
   m_stEnd = end;
 }
@@ -32,25 +33,25 @@ bool CZoneClock::InWindow(const SYSTEMTIME& t) const {
 }
 
 int CZoneClock::LocalToSystem(SYSTEMTIME* stamp, int bDaylight) const {
-  if (m_pTzi == nullptr || stamp->wYear == 0) return 0;
-  LONG shift = m_pTzi->Bias;
-  if (HasWindow() && bDaylight != 0 && InWindow(*stamp)) shift += m_pTzi->DaylightBias;
+  if (!m_bZone || stamp->wYear == 0) return 0;
+  LONG shift = m_Tzi.Bias;
+  if (HasWindow() && bDaylight != 0 && InWindow(*stamp)) shift += m_Tzi.DaylightBias;
   AddMinutes(stamp, shift);
   return 1;
 }
 
 int CZoneClock::SystemToLocal(SYSTEMTIME* stamp, int bDaylight) const {
-  if (m_pTzi == nullptr || stamp->wYear == 0) return 0;
+  if (!m_bZone || stamp->wYear == 0) return 0;
   // The daylight reading first: the window is stated in it.
-  AddMinutes(stamp, -(m_pTzi->Bias + m_pTzi->DaylightBias));
+  AddMinutes(stamp, -(m_Tzi.Bias + m_Tzi.DaylightBias));
   if (HasWindow() && bDaylight != 0 && InWindow(*stamp)) return 1;
-  AddMinutes(stamp, m_pTzi->DaylightBias);
+  AddMinutes(stamp, m_Tzi.DaylightBias);
   return 1;
 }
 
 int CZoneClock::IsDaylight(SYSTEMTIME st) const {
-  if (m_pTzi == nullptr || !HasWindow()) return 0;
-  AddMinutes(&st, -(m_pTzi->Bias + m_pTzi->DaylightBias));
+  if (!m_bZone || !HasWindow()) return 0;
+  AddMinutes(&st, -(m_Tzi.Bias + m_Tzi.DaylightBias));
   return InWindow(st) ? 1 : 0;
 }
 

@@ -11,10 +11,10 @@ class CZoneClock {
   CZoneClock& operator=(const CZoneClock&) = default;
   virtual ~CZoneClock() = default;
 
-  // The zone (not owned) and the window's bounds, both as a daylight
-  // clock reads them; only month, day and hour count, the same in every
-  // year. A bound whose year is 0 means there is no window.
-  void SetWindow(TIME_ZONE_INFORMATION* zone, SYSTEMTIME begin, SYSTEMTIME end);
+  // The zone (copied; null: none) and the window's bounds, both as a
+  // daylight clock reads them; only month, day and hour count, the same in
+  // every year. A bound whose year is 0 means there is no window.
+  void SetWindow(const TIME_ZONE_INFORMATION* zone, SYSTEMTIME begin, SYSTEMTIME end);
 
   SYSTEMTIME Begin() const { return m_stBegin; }
   SYSTEMTIME End() const { return m_stEnd; }
@@ -37,7 +37,8 @@ class CZoneClock {
   bool InWindow(const SYSTEMTIME& t) const;
   bool HasWindow() const { return m_stBegin.wYear != 0 && m_stEnd.wYear != 0; }
 
-  TIME_ZONE_INFORMATION* m_pTzi = nullptr;
+  bool m_bZone = false;
+  TIME_ZONE_INFORMATION m_Tzi{};
   SYSTEMTIME m_stBegin{};
   SYSTEMTIME m_stEnd{};
 };

@@ -2,6 +2,7 @@
 // questions a host asks about it.
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -70,7 +71,7 @@ void CMOLRA::InitTimeZoneInfo() {
     m_tDstEndUtc = m_tDstEnd + CTimeSpan(std::int64_t{m_Tzi.Bias} * 60);
   }
 
-  if (!m_pClock) m_pClock.reset(new (std::nothrow) CZoneClock);
+  std::shared_ptr<CZoneClock> clock(new (std::nothrow) CZoneClock);
   SYSTEMTIME begin{};
   SYSTEMTIME end{};
   if (m_bDST == 1) {
@@ -78,7 +79,8 @@ void CMOLRA::InitTimeZoneInfo() {
     end = WindowStamp(m_tDstEnd);
   }
   // Without a clock every conversion refuses and leaves its stamp alone.
-  if (m_pClock) m_pClock->SetWindow(&m_Tzi, begin, end);
+  if (clock) clock->SetWindow(&m_Tzi, begin, end);
+  m_pClock = std::move(clock);
 }
 
 int CMOLRA::CheckDST(CTime t, int bUtc) {
