@@ -6,7 +6,7 @@
 #include "disk/fs_file.h"
 #include "index/fs_index.h"
 #include "molra/molra.h"
-#include "recording/basket_recovery.h"
+#include "store/basket_recovery.h"
 #include "store/store_files.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Setting right at a recording open what damage has left in a basket:
 // a recorder that believed it would stop, or write over its own chunks.
-#include "recording/basket_recovery.h"
+#include "store/basket_recovery.h"
 
 #include <cstddef>
 #include <cstdio>
