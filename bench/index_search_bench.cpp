@@ -14,6 +14,8 @@
 #include "index/fs_index.h"
 #include "molra/platform.h"
 
+using molra::detail::CFsIndex;
+
 namespace {
 
 constexpr DWORD kNodes = 70001;  // a full basket

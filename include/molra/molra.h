@@ -16,9 +16,13 @@
 #include "molra/records.h"
 #include "molra/types.h"
 
+namespace molra {
+namespace detail {  // the store's own classes, out of a host's sight
 class CFsFile;
 class CFsIndex;
 class CZoneClock;
+}  // namespace detail
+}  // namespace molra
 struct _tagIDXREF;
 
 class MOLRA_API CMOLRA {
@@ -313,10 +317,10 @@ class MOLRA_API CMOLRA {
   _tagSTIROW m_SaveTime[16];
 
  protected:
-  std::shared_ptr<CFsIndex> m_pIndex;
-  std::shared_ptr<CFsFile> m_pData;
-  std::shared_ptr<CFsFile> m_pTable;
-  std::shared_ptr<CFsFile> m_pCatalog;  // held open while recording
+  std::shared_ptr<molra::detail::CFsIndex> m_pIndex;
+  std::shared_ptr<molra::detail::CFsFile> m_pData;
+  std::shared_ptr<molra::detail::CFsFile> m_pTable;
+  std::shared_ptr<molra::detail::CFsFile> m_pCatalog;  // held open while recording
   _tagFSHDR m_FsHdr;
   std::shared_ptr<BasketList> m_ppBasket;  // null: no catalogue in memory
   _tagDATAHDR m_DataHdr;
@@ -331,7 +335,7 @@ class MOLRA_API CMOLRA {
   CTime m_tDstEnd;
   CTime m_tDstBeginUtc;
   CTime m_tDstEndUtc;
-  std::shared_ptr<const CZoneClock> m_pClock;  // never changed once made
+  std::shared_ptr<const molra::detail::CZoneClock> m_pClock;  // never changed once made
   SYSTEMTIME m_stLastRead;
   // Key frames met per channel in the second of m_stLastRead.
   signed char m_ChanHits[32];

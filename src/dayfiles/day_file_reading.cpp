@@ -9,6 +9,8 @@
 #include "platform/settings.h"
 #include "time/zone_clock.h"
 
+using molra::detail::CZoneClock;
+
 namespace platform = molra::platform;
 
 namespace {

@@ -5,6 +5,9 @@
 #include "disk/status_log.h"
 #include "platform/clock.h"
 
+namespace molra {
+namespace detail {
+
 namespace platform = molra::platform;
 
 namespace {
@@ -177,3 +180,6 @@ int CFsFile::Flush() {
 void CFsFile::LogFailure(const char* operation, DWORD offset) const {
   molra::LogIoFailure(operation, m_path.c_str(), offset, platform::GetLastError());
 }
+
+}  // namespace detail
+}  // namespace molra

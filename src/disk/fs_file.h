@@ -11,6 +11,9 @@
 #include "molra/types.h"
 #include "platform/env.h"
 
+namespace molra {
+namespace detail {
+
 class CFsFile {
  public:
   // Access modes of Open.
@@ -59,3 +62,6 @@ class CFsFile {
 
   std::string m_path;  // of the file last opened, for the log
 };
+
+}  // namespace detail
+}  // namespace molra

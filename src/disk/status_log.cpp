@@ -39,9 +39,9 @@ void LogIoFailure(const char* operation, const char* path, DWORD offset, DWORD e
   const std::string line = std::string("fail to ") + operation + " " + (path ? path : "") +
                            " at " + std::to_string(offset) + " : error " +
                            std::to_string(error);
-  FsStatusLog(line.c_str());
+  detail::FsStatusLog(line.c_str());
 }
 
 }  // namespace molra
 
-void FsStatusLog(char const* text) { molra::AppendLogLine("c:\\FSDIR\\status.dat", text); }
+void molra::detail::FsStatusLog(char const* text) { molra::AppendLogLine("c:\\FSDIR\\status.dat", text); }

@@ -5,7 +5,11 @@
 
 // Appends "<text> year:month:day - hour:minute:second" in local time. The
 // file is deleted whole once it has reached 10 MiB and starts afresh.
+namespace molra {
+namespace detail {
 void FsStatusLog(char const* text);
+}  // namespace detail
+}  // namespace molra
 
 namespace molra {
 // One line for a failed disk operation: "fail to <operation> <path> at

@@ -5,6 +5,9 @@
 
 #include "platform/settings.h"
 
+namespace molra {
+namespace detail {
+
 namespace {
 
 constexpr WORD kIndexVersion = 256;
@@ -163,6 +166,8 @@ int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,
   DWORD offset = molra::kRootOffset;
   if (!ReadNodeAhead(parent, offset, &block)) return 0;
   bool fresh = m_dwReadAhead < sizeof *parent;
+  DWORD steps = 0;
+  DWORD room = 0;
   for (;;) {
     const int order = CompareKey(key, parent->cKey, -1);
     if (order == 0) return 0;  // a duplicate is refused
@@ -180,6 +185,7 @@ int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,
       *side = order < 0 ? 1 : 2;
       return 1;
     }
+    if (Looping(++steps, &room)) return 0;
     offset = *link;
     molra::platform::MessageStep();
     if (!ReadNodeAhead(parent, offset, &block)) return 0;
@@ -239,3 +245,6 @@ int CFsIndex::Insert(const char* key, const _tagIDXREF& ref) {
   WriteHeader(&m_Hdr);
   return 1;
 }
+
+}  // namespace detail
+}  // namespace molra

@@ -37,6 +37,9 @@ struct IndexRepair {
 
 }  // namespace molra
 
+namespace molra {
+namespace detail {
+
 class CFsIndex : public CFsFile {
  public:
   CFsIndex();
@@ -131,6 +134,10 @@ class CFsIndex : public CFsFile {
   int CopyOut(const _tagIDXNODE& node, DWORD offset, char* key, _tagIDXREF* ref);
   // NextNode (forward) and PrevNode.
   int Walk(_tagIDXNODE* node, DWORD offset, DWORD* found, bool forward);
+  // A descent meets each node once at most: one of more steps than the
+  // file holds nodes goes round a loop of damaged links. The file's size
+  // is asked only once a descent is longer than a made index has room for.
+  bool Looping(DWORD steps, DWORD* room);
 
   _tagIDXHDR m_Hdr;
   DWORD m_dwCursor = 0;
@@ -142,3 +149,6 @@ class CFsIndex : public CFsFile {
   NodeBlock m_Run;
   bool m_bRun = false;
 };
+
+}  // namespace detail
+}  // namespace molra

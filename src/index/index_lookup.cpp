@@ -4,6 +4,9 @@
 #include "index/fs_index.h"
 #include "platform/settings.h"
 
+namespace molra {
+namespace detail {
+
 namespace {
 
 // A climb from the end of a run of links gives up after this many parents.
@@ -18,11 +21,20 @@ int CFsIndex::CopyOut(const _tagIDXNODE& node, DWORD offset, char* key, _tagIDXR
   return 1;
 }
 
+bool CFsIndex::Looping(DWORD steps, DWORD* room) {
+  constexpr DWORD kMadeRoom = (molra::kIndexFileSize - molra::kRootOffset) / molra::kNodeSize;
+  if (steps <= kMadeRoom) return false;
+  if (*room == 0) *room = GetSize() / molra::kNodeSize + 1;
+  return steps > *room;
+}
+
 int CFsIndex::Search(const char* key, _tagIDXNODE* node, DWORD* found, int n) {
   NodeBlock& block = FreshScan();
   DWORD offset = molra::kRootOffset;
   if (!ReadNodeAhead(node, offset, &block)) return 0;
   bool fresh = m_dwReadAhead < sizeof *node;
+  DWORD steps = 0;
+  DWORD room = 0;
   for (;;) {
     const int order = CompareKey(key, node->cKey, n);
     // A node read ahead may lack a link set since: before the walk ends
@@ -38,7 +50,7 @@ int CFsIndex::Search(const char* key, _tagIDXNODE* node, DWORD* found, int n) {
       *found = offset;
       return 1;
     }
-    if (link == 0) return 0;
+    if (link == 0 || Looping(++steps, &room)) return 0;
     offset = link;
     molra::platform::MessageStep();
     if (!ReadNodeAhead(node, offset, &block)) return 0;
@@ -120,3 +132,6 @@ int CFsIndex::Walk(_tagIDXNODE* node, DWORD offset, DWORD* found, bool forward) 
   }
   return 0;
 }
+
+}  // namespace detail
+}  // namespace molra

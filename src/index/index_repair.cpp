@@ -14,6 +14,9 @@
 
 #include "index/fs_index.h"
 
+namespace molra {
+namespace detail {
+
 namespace {
 
 using molra::kNodeSize;
@@ -409,3 +412,6 @@ int CFsIndex::Apply(const molra::IndexRepair& repair, bool write) {
   m_Hdr = repair.header;
   return 1;
 }
+
+}  // namespace detail
+}  // namespace molra

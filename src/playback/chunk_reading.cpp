@@ -13,6 +13,9 @@
 #include "platform/settings.h"
 #include "playback/walk_limits.h"
 
+using molra::detail::CFsFile;
+using molra::detail::CFsIndex;
+
 namespace {
 
 constexpr char kDefectLogPath[] = "c:\\FSDIR\\defected.dat";

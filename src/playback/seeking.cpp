@@ -8,6 +8,8 @@
 #include "playback/local_reads.h"
 #include "playback/walk_limits.h"
 
+using molra::detail::CFsIndex;
+
 namespace {
 
 SYSTEMTIME Stamp(LONG year, LONG month, LONG day, LONG hour, LONG minute, LONG second) {

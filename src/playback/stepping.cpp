@@ -8,6 +8,8 @@
 #include "playback/local_reads.h"
 #include "playback/walk_limits.h"
 
+using molra::detail::CFsIndex;
+
 LONG CMOLRA::ReadNextData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
   return molra::ReadInLocalTime(*this, header, bDaylight,
                                 [&] { return ReadNextDataEx(header, payload); });

@@ -17,7 +17,7 @@ constexpr int kMaxSkipMoves = 4800;
 class MoveBudget {
  public:
   // False once the moves in this basket exceed what its index can hold.
-  bool Spend(CFsIndex& index) {
+  bool Spend(detail::CFsIndex& index) {
     if (++m_moves <= kMovesUnchecked) return true;
     if (m_capacity == 0) m_capacity = index.GetSize() / kNodeSize + 1;
     return m_moves <= m_capacity;
@@ -38,7 +38,7 @@ constexpr DWORD kStepBlock = 2 * kNodeSize;
 // Reads the nodes of one walk through blocks for as long as it lasts.
 class IndexRun {
  public:
-  IndexRun(std::shared_ptr<CFsIndex> index, DWORD firstBlock) : m_index(std::move(index)) {
+  IndexRun(std::shared_ptr<detail::CFsIndex> index, DWORD firstBlock) : m_index(std::move(index)) {
     if (m_index) m_index->BeginRun(firstBlock);
   }
   ~IndexRun() {
@@ -48,7 +48,7 @@ class IndexRun {
   IndexRun& operator=(const IndexRun&) = delete;
 
  private:
-  std::shared_ptr<CFsIndex> m_index;
+  std::shared_ptr<detail::CFsIndex> m_index;
 };
 
 // Whether a reference's channel has a counter of key frames.

@@ -13,6 +13,10 @@
 #include "platform/env.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+using molra::detail::CFsIndex;
+using molra::detail::FsStatusLog;
+
 namespace platform = molra::platform;
 
 namespace {

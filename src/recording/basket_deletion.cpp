@@ -15,6 +15,9 @@
 #include "store/catalogue_file.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+using molra::detail::FsStatusLog;
+
 namespace platform = molra::platform;
 
 namespace {

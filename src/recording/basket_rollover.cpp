@@ -10,6 +10,9 @@
 #include "platform/settings.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+using molra::detail::FsStatusLog;
+
 namespace {
 
 // Attempts after the first, each on the basket behind an erased one.

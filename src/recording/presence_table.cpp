@@ -12,6 +12,9 @@
 #include "disk/status_log.h"
 #include "molra/molra.h"
 
+using molra::detail::CFsFile;
+using molra::detail::FsStatusLog;
+
 namespace {
 
 constexpr DWORD kRecordSize = sizeof(_tagFSBSKTBL);

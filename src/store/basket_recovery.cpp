@@ -11,6 +11,10 @@
 #include "index/fs_index.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+using molra::detail::CFsIndex;
+using molra::detail::FsStatusLog;
+
 namespace molra {
 namespace {
 

@@ -4,6 +4,8 @@
 #include "platform/env.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+
 namespace molra {
 
 namespace {

@@ -18,10 +18,10 @@ class CatalogueFile {
 
   // Whether the file is there at all, without making it.
   static bool Exists();
-  // Opens `file` on the catalogue with a mode of CFsFile (made if absent).
-  static int Open(CFsFile& file, int mode);
+  // Opens `file` on the catalogue with a mode of detail::CFsFile (made if absent).
+  static int Open(detail::CFsFile& file, int mode);
 
-  explicit CatalogueFile(CFsFile& file) : m_file(file) {}
+  explicit CatalogueFile(detail::CFsFile& file) : m_file(file) {}
 
   bool ReadHead(_tagFSHDR* head) { return m_file.ReadAt(0, head, kHeadSize) != 0; }
   bool WriteHead(const _tagFSHDR& head) { return m_file.WriteAt(0, &head, kHeadSize) != 0; }
@@ -32,7 +32,7 @@ class CatalogueFile {
   bool WriteRecords(DWORD first, DWORD count, const _tagFSBSKINFO* records);
 
  private:
-  CFsFile& m_file;
+  detail::CFsFile& m_file;
 };
 
 }  // namespace molra

@@ -14,6 +14,8 @@
 #include "store/catalogue_file.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+
 namespace platform = molra::platform;
 
 namespace {

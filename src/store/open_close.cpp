@@ -9,6 +9,8 @@
 #include "store/basket_recovery.h"
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+
 namespace {
 
 // Attempts that the three files of a basket share at a close.

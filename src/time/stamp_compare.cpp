@@ -6,6 +6,8 @@
 #include "platform/clock.h"
 #include "time/zone_clock.h"
 
+using molra::detail::CZoneClock;
+
 namespace {
 
 // The fields that a level prints, in order: year, month, day, hour,

@@ -4,6 +4,9 @@
 
 #include "platform/clock.h"
 
+namespace molra {
+namespace detail {
+
 namespace {
 
 // Month, day and hour as one ordered number.
@@ -120,3 +123,6 @@ void CZoneClock::AddMinutes(SYSTEMTIME* stamp, LONG minutes) {
   stamp->wMonth = store(month);
   stamp->wYear = store(year);
 }
+
+}  // namespace detail
+}  // namespace molra

@@ -4,6 +4,9 @@
 
 #include "molra/types.h"
 
+namespace molra {
+namespace detail {
+
 class CZoneClock {
  public:
   CZoneClock() = default;
@@ -42,3 +45,6 @@ class CZoneClock {
   SYSTEMTIME m_stBegin{};
   SYSTEMTIME m_stEnd{};
 };
+
+}  // namespace detail
+}  // namespace molra

@@ -12,6 +12,9 @@
 #include "platform/text_stream.h"
 #include "time/zone_clock.h"
 
+using molra::detail::CZoneClock;
+using molra::detail::FsStatusLog;
+
 namespace {
 
 std::tm LocalTm(const CTime& t) {

@@ -6,6 +6,8 @@
 
 #include "store/store_files.h"
 
+using molra::detail::CFsFile;
+
 namespace molra {
 
 namespace {

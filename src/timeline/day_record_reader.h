@@ -41,7 +41,7 @@ class DayRecordReader {
  private:
   bool ReadWhole(DWORD k);
 
-  CFsFile m_file;
+  detail::CFsFile m_file;
   std::unique_ptr<_tagFSBSKTBL> m_record;  // whole-record reads only
   DWORD m_recordAt = 0xFFFFFFFFu;          // which record it holds
   DWORD m_whole = 0;  // records that lie whole in the file

@@ -8,6 +8,8 @@
 #include "time/zone_clock.h"
 #include "timeline/day_record_reader.h"
 
+using molra::detail::CZoneClock;
+
 namespace {
 
 SYSTEMTIME Stamp(LONG year, LONG month, LONG day, LONG hour = 0) {

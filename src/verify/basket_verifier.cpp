@@ -20,6 +20,8 @@
 #include "store/store_files.h"
 #include "verify/verify_support.h"
 
+using molra::detail::CFsIndex;
+
 namespace molra {
 namespace verify {
 namespace {

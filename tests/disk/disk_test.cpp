@@ -6,6 +6,9 @@
 #include "platform/fault_injection.h"
 #include "support/temp_drives.h"
 
+using molra::detail::CFsFile;
+using molra::detail::FsStatusLog;
+
 namespace {
 
 namespace platform = molra::platform;

@@ -15,6 +15,8 @@
 #include "platform/fault_injection.h"
 #include "support/temp_drives.h"
 
+using molra::detail::CFsIndex;
+
 namespace {
 
 namespace platform = molra::platform;
@@ -149,13 +151,19 @@ TEST_F(IndexTest, AClimbGivesUpAfter160Parents) {
 TEST_F(IndexTest, FindTakesTheEarliestChunkOfAPrefixWhateverTheReadAhead) {
   Fill({Key(9, 29, 50), Key(9, 30, 5), Key(9, 30, 5, 500), Key(9, 30, 40), Key(9, 31, 0), Key(9, 33, 10)});
   Fill(kWalkKeys, "C:\\IX\\W.CIN");
+  Fill(kWalkKeys, "C:\\IX\\L.CIN");  // S's right link back to Q: a loop
+  std::fstream(Real('c', "IX/L.CIN"), std::ios::binary | std::ios::in | std::ios::out)
+      .seekp(At(3) + offsetof(_tagIDXNODE, dwRight)).write("\x45\0\0\0", 4);
+  // A descent that goes round gives up once it is longer than a made index holds nodes.
+  constexpr long kRoom = (molra::kIndexFileSize - molra::kRootOffset) / molra::kNodeSize;
   struct Lookup { const char* file; std::string key; int n, found; long steps; };  // -1: fails
   const Lookup table[] = {
       {kPath, Key(9, 30, 59), 12, 1, 1},         {kPath, Key(9, 30, 5, 999), 14, 1, 1},
       {kPath, Key(9, 30, 40), 14, 3, 3},         {kPath, Key(9, 30, 5, 500), -1, 2, 2},
       {kPath, Key(9, 32, 0), 12, -1, 5},         {kPath, Key(9, 20, 0), 12, -1, 0},
       {kPath, Key(10, 0, 0), 12, -1, 5},         {kPath, Key(9, 29, 50), 14, 0, 0},
-      {"C:\\IX\\W.CIN", kWalkKeys[5], -1, 5, 4}, {"C:\\IX\\W.CIN", Key(9, 30, 16), 14, -1, 4}};
+      {"C:\\IX\\W.CIN", kWalkKeys[5], -1, 5, 4}, {"C:\\IX\\W.CIN", Key(9, 30, 16), 14, -1, 4},
+      {"C:\\IX\\L.CIN", Key(10, 0, 0), 12, -1, kRoom}};
   for (const DWORD ahead : {0u, 41u, 50u, 100u, 64u * 1024}) {  // the last is the default
     for (const Lookup& l : table) {
       SCOPED_TRACE(testing::Message() << l.key << " ahead " << ahead);

@@ -10,6 +10,8 @@
 #include "index/fs_index.h"
 #include "store/store_probe.h"
 
+using molra::detail::CFsIndex;
+
 namespace molra_test {
 
 class Player : public StoreProbe {

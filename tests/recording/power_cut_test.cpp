@@ -15,6 +15,9 @@
 #include "platform/fault_injection.h"
 #include "store/store_probe.h"
 
+using molra::detail::CFsFile;
+using molra::detail::CFsIndex;
+
 namespace {
 
 namespace platform = molra::platform;

@@ -18,6 +18,8 @@
 #include "platform/fault_injection.h"
 #include "store/store_probe.h"
 
+using molra::detail::CFsIndex;
+
 namespace molra_test {
 namespace {
 

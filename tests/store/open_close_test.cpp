@@ -12,6 +12,8 @@
 #include "platform/env.h"
 #include "store/store_probe.h"
 
+using molra::detail::CFsFile;
+
 namespace {
 
 namespace fs = std::filesystem;

@@ -6,6 +6,8 @@
 #include "molra/molra.h"
 #include "time/zone_clock.h"
 
+using molra::detail::CZoneClock;
+
 namespace {
 
 struct Store : CMOLRA {
