@@ -168,89 +168,6 @@ class MOLRA_API CMOLRA {
   LONG GetBaksetFirst(LONG basket, _tagCHUNKHDR* header, unsigned char** data);
   LONG GetBaksetLast(LONG basket, _tagCHUNKHDR* header, unsigned char** data);
 
- protected:
-  using BasketList = std::vector<_tagFSBSKINFO>;
-
-  LONG LoadFSInfo(LONG unused);
-  // Brings ring positions that lie past the list in memory back into it.
-  void PlaceRingInList();
-  // -1: the head and every record. FS_ERR_CATALOG when the file cannot be
-  // opened or a write fails (logged); a recorder then writes every record
-  // again at its next save.
-  LONG SaveFSInfo(LONG basket);
-  // SaveFSInfo, optionally with basket n's record written before the head.
-  LONG SaveCatalogue(LONG basket, bool recordFirst);
-  LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
-  // Orders two stamps as their texts at a grain order: 1 second, 2 minute,
-  // 3 hour, 4 day, 5 month, 6 year, any other the millisecond. -1, 0, 1.
-  LONG CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
-  // Moves the open store to the files of basket n.
-  LONG OpenBsk(LONG basket);
-
-  // The common start of a timeline query; and whether basket n's span
-  // holds a time at a grain of CompareSystemTime.
-  LONG TimelineStart();
-  bool HoldsAt(DWORD basket, const SYSTEMTIME& time, LONG level);
-
-  // Marks the chunk's hour and minute in basket n's day record.
-  LONG SaveFSTblInfo(LONG basket, const _tagCHUNKHDR* chunk);
-  // Takes the current basket, whose files cannot be opened, out of the
-  // catalogue; the only basket left is kept.
-  void EraseErrorBasket();
-  // Moves recording on to the next basket of the ring and resets it.
-  LONG RollOver();
-  // Forces what the recorder wrote to the disk: data, index, day tables,
-  // catalogue, in that order. FlushIfDue does it when the host's interval
-  // has passed since the last time.
-  void FlushRecording();
-  void FlushIfDue();
-  // The two roads of ageing basket b against a cut-off date "yyyymmdd".
-  int EraseOldest(DWORD basket, _tagFSBSKINFO* info);
-  int CutOldest(DWORD basket, const std::string& cutOff, _tagFSBSKINFO* info);
-
-  // Playback. The basket of the ring that holds a minute (a shared
-  // minute: the older basket) or a second (the current basket first); -1.
-  LONG FindFirstBskDate(LONG year, LONG month, LONG day, LONG hour, LONG minute);
-  LONG FindFirstBskDateSec(LONG year, LONG month, LONG day, LONG hour, LONG minute,
-                           LONG second);
-  // How a chunk is read out: after a seek, a step or a skip.
-  enum class ReadKind { kSeek, kStep, kSkip };
-  LONG Seek(_tagCHUNKHDR* header, unsigned char* payload, bool toSecond);
-  LONG Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward);
-  LONG Skip(_tagCHUNKHDR* header, unsigned char* payload, int distance, bool forward);
-  int SkipFrame(const char* key, int channel, int distance, DWORD base, bool forward);
-  // One move of a step: the neighbouring node, in the open basket or at
-  // the entry of the next one (`entered`). FS_OK, or the end of the ring.
-  LONG MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered);
-  // Whether a lookup since OpenFS has placed the reader on a node (the
-  // cursor outlives baskets), or the open basket has none to stand on.
-  bool Placed() const;
-  // Reads the chunk a reference names into the caller's buffers.
-  LONG ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
-               ReadKind kind, bool refuseEmpty);
-
-
-  // Whether a basket's three files and the catalogue are at hand.
-  bool StoreOpen() const { return m_pData && m_pIndex && m_pTable && m_ppBasket; }
-
-  // The catalogue record of basket n; nullptr when n names none.
-  _tagFSBSKINFO* Basket(DWORD n);
-
-  DWORD m_bFull;
-  DWORD m_bIFrame[16];
-  DWORD m_dwFill;
-  // Raised from another thread to cancel a descent; a copy takes its value.
-  struct ExitFlag : std::atomic<LONG> {
-    explicit ExitFlag(LONG value = 0) : std::atomic<LONG>(value) {}
-    ExitFlag(const ExitFlag& other) : std::atomic<LONG>(other.load()) {}
-    ExitFlag& operator=(const ExitFlag& other) {
-      store(other.load());
-      return *this;
-    }
-  };
-  ExitFlag m_lExit;
-
- public:
   // Time. Days from b to a, by their dates alone (0 when either date does
   // not exist or is not given); the day of the month of the first Sunday, given the
   // weekday of the first of the month (1 Sunday to 7 Saturday), else 0.
@@ -317,6 +234,87 @@ class MOLRA_API CMOLRA {
   _tagSTIROW m_SaveTime[16];
 
  protected:
+  // The store's own workings, for the classes a host derives at most.
+  using BasketList = std::vector<_tagFSBSKINFO>;
+
+  LONG LoadFSInfo(LONG unused);
+  // Brings ring positions that lie past the list in memory back into it.
+  void PlaceRingInList();
+  // -1: the head and every record. FS_ERR_CATALOG when the file cannot be
+  // opened or a write fails (logged); a recorder then writes every record
+  // again at its next save.
+  LONG SaveFSInfo(LONG basket);
+  // SaveFSInfo, optionally with basket n's record written before the head.
+  LONG SaveCatalogue(LONG basket, bool recordFirst);
+  LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
+  // Orders two stamps as their texts at a grain order: 1 second, 2 minute,
+  // 3 hour, 4 day, 5 month, 6 year, any other the millisecond. -1, 0, 1.
+  LONG CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
+  // Moves the open store to the files of basket n.
+  LONG OpenBsk(LONG basket);
+
+  // The common start of a timeline query; and whether basket n's span
+  // holds a time at a grain of CompareSystemTime.
+  LONG TimelineStart();
+  bool HoldsAt(DWORD basket, const SYSTEMTIME& time, LONG level);
+
+  // Marks the chunk's hour and minute in basket n's day record.
+  LONG SaveFSTblInfo(LONG basket, const _tagCHUNKHDR* chunk);
+  // Takes the current basket, whose files cannot be opened, out of the
+  // catalogue; the only basket left is kept.
+  void EraseErrorBasket();
+  // Moves recording on to the next basket of the ring and resets it.
+  LONG RollOver();
+  // Forces what the recorder wrote to the disk: data, index, day tables,
+  // catalogue, in that order. FlushIfDue does it when the host's interval
+  // has passed since the last time.
+  void FlushRecording();
+  void FlushIfDue();
+  // The two roads of ageing basket b against a cut-off date "yyyymmdd".
+  int EraseOldest(DWORD basket, _tagFSBSKINFO* info);
+  int CutOldest(DWORD basket, const std::string& cutOff, _tagFSBSKINFO* info);
+
+  // Playback. The basket of the ring that holds a minute (a shared
+  // minute: the older basket) or a second (the current basket first); -1.
+  LONG FindFirstBskDate(LONG year, LONG month, LONG day, LONG hour, LONG minute);
+  LONG FindFirstBskDateSec(LONG year, LONG month, LONG day, LONG hour, LONG minute,
+                           LONG second);
+  // How a chunk is read out: after a seek, a step or a skip.
+  enum class ReadKind { kSeek, kStep, kSkip };
+  LONG Seek(_tagCHUNKHDR* header, unsigned char* payload, bool toSecond);
+  LONG Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward);
+  LONG Skip(_tagCHUNKHDR* header, unsigned char* payload, int distance, bool forward);
+  int SkipFrame(const char* key, int channel, int distance, DWORD base, bool forward);
+  // One move of a step: the neighbouring node, in the open basket or at
+  // the entry of the next one (`entered`). FS_OK, or the end of the ring.
+  LONG MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered);
+  // Whether a lookup since OpenFS has placed the reader on a node (the
+  // cursor outlives baskets), or the open basket has none to stand on.
+  bool Placed() const;
+  // Reads the chunk a reference names into the caller's buffers.
+  LONG ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char* payload,
+               ReadKind kind, bool refuseEmpty);
+
+  // Whether a basket's three files and the catalogue are at hand.
+  bool StoreOpen() const { return m_pData && m_pIndex && m_pTable && m_ppBasket; }
+
+  // The catalogue record of basket n; nullptr when n names none.
+  _tagFSBSKINFO* Basket(DWORD n);
+
+  DWORD m_bFull;
+  DWORD m_bIFrame[16];
+  DWORD m_dwFill;
+  // Raised from another thread to cancel a descent; a copy takes its value.
+  struct ExitFlag : std::atomic<LONG> {
+    explicit ExitFlag(LONG value = 0) : std::atomic<LONG>(value) {}
+    ExitFlag(const ExitFlag& other) : std::atomic<LONG>(other.load()) {}
+    ExitFlag& operator=(const ExitFlag& other) {
+      store(other.load());
+      return *this;
+    }
+  };
+  ExitFlag m_lExit;
+
   std::shared_ptr<molra::detail::CFsIndex> m_pIndex;
   std::shared_ptr<molra::detail::CFsFile> m_pData;
   std::shared_ptr<molra::detail::CFsFile> m_pTable;
