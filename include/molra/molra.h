@@ -247,8 +247,18 @@ class MOLRA_API CMOLRA {
   // SaveFSInfo, optionally with basket n's record written before the head.
   LONG SaveCatalogue(LONG basket, bool recordFirst);
   LONG IsExistData(LONG, LONG, LONG, LONG, LONG);
-  // Orders two stamps as their texts at a grain order: 1 second, 2 minute,
-  // 3 hour, 4 day, 5 month, 6 year, any other the millisecond. -1, 0, 1.
+  // The grains at which CompareSystemTime orders two stamps; any other
+  // level counts to the millisecond.
+  enum Grain : LONG {
+    kByMillisecond = 0,
+    kBySecond = 1,
+    kByMinute = 2,
+    kByHour = 3,
+    kByDay = 4,
+    kByMonth = 5,
+    kByYear = 6,
+  };
+  // Orders two stamps as their texts at a grain. -1, 0, 1.
   LONG CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level);
   // Moves the open store to the files of basket n.
   LONG OpenBsk(LONG basket);

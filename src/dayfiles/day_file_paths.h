@@ -4,11 +4,11 @@
 
 #include <cstdio>
 
+#include "disk/store_paths.h"
 #include "molra/records.h"
 
 namespace molra {
 
-constexpr char kQuickSearchDir[] = "C:\\FSDIR\\QS";
 constexpr char kDayFileExt[] = ".sti";
 constexpr DWORD kDayFileRows = 16;
 constexpr DWORD kDayFileSize = kDayFileRows * sizeof(_tagSTIROW);  // 400
@@ -18,7 +18,7 @@ constexpr char kMarked = 0x31;
 class DayFilePath {
  public:
   DayFilePath(int year, int month, int day) {
-    std::snprintf(m_text, sizeof m_text, "%s\\QS\\%04d%02d%02d%s", "C:\\FSDIR", year, month, day,
+    std::snprintf(m_text, sizeof m_text, "%s\\%04d%02d%02d%s", kQuickSearchDir, year, month, day,
                   kDayFileExt);
   }
   explicit DayFilePath(const SYSTEMTIME& st) : DayFilePath(st.wYear, st.wMonth, st.wDay) {}

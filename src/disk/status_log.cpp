@@ -1,3 +1,4 @@
+#include "disk/store_paths.h"
 #include "disk/status_log.h"
 
 #include <cstdint>
@@ -44,4 +45,4 @@ void LogIoFailure(const char* operation, const char* path, DWORD offset, DWORD e
 
 }  // namespace molra
 
-void molra::detail::FsStatusLog(char const* text) { molra::AppendLogLine("c:\\FSDIR\\status.dat", text); }
+void molra::detail::FsStatusLog(char const* text) { molra::AppendLogLine(molra::kStatusLogPath, text); }

@@ -10,16 +10,10 @@ namespace detail {
 
 namespace {
 
-constexpr WORD kIndexVersion = 256;
 constexpr DWORD kTopBit = 0x80000000u;
 constexpr DWORD kDefaultReadAhead = 64 * 1024;
 
-void FreshHeader(_tagIDXHDR* header) {
-  std::memset(header, 0, sizeof *header);
-  header->cMagic[0] = 'Y';
-  header->cMagic[1] = 'K';
-  header->wVersion = kIndexVersion;
-}
+void FreshHeader(_tagIDXHDR* header) { *header = molra::EmptyIndexHeader(); }
 
 }  // namespace
 
@@ -121,7 +115,7 @@ int CFsIndex::Open(char const* path, int mode, int reset) {
       CFsFile::Close();
       return 0;
     }
-    if (m_Hdr.wVersion == kIndexVersion && m_Hdr.cMagic[0] == 'Y' && m_Hdr.cMagic[1] == 'K') {
+    if (molra::IsIndexHeader(m_Hdr)) {
       return 1;
     }
     // A foreign header over a tree of nodes is damage, not a new file: a

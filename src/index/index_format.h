@@ -67,4 +67,22 @@ static_assert(offsetof(_tagIDXNODE, cKey) == 21, "_tagIDXNODE layout");
 namespace molra {
 constexpr DWORD kRootOffset = sizeof(_tagIDXHDR);  // the first node, 28
 constexpr DWORD kNodeSize = sizeof(_tagIDXNODE);   // 41
+constexpr WORD kIndexVersion = 256;
+
+// The header of an empty tree: its magic and version, nothing else.
+inline _tagIDXHDR EmptyIndexHeader() {
+  _tagIDXHDR header{};
+  header.cMagic[0] = 'Y';
+  header.cMagic[1] = 'K';
+  header.wVersion = kIndexVersion;
+  return header;
+}
+inline bool IsIndexHeader(const _tagIDXHDR& header) {
+  return header.cMagic[0] == 'Y' && header.cMagic[1] == 'K' && header.wVersion == kIndexVersion;
+}
+
+// The greatest key of a day: every key of that day compares below it.
+inline KeyText LastKeyOfDay(int year, int month, int day) {
+  return MakeKey(year, month, day, 23, 59, 59, 9999, 99);
+}
 }  // namespace molra

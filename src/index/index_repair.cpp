@@ -22,7 +22,6 @@ namespace {
 using molra::kNodeSize;
 using molra::kRootOffset;
 
-constexpr WORD kIndexVersion = 256;
 constexpr DWORD kTopBit = 0x80000000u;
 constexpr DWORD kDataHead = sizeof(_tagDATAHDR);
 constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
@@ -180,8 +179,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
   r.header = head;
   // A header that Open rebuilt or freshened over a damaged one says
   // nothing of the tree.
-  const bool valid = !m_bRebuilt && !m_bFreshened && head.cMagic[0] == 'Y' &&
-                     head.cMagic[1] == 'K' && head.wVersion == kIndexVersion;
+  const bool valid = !m_bRebuilt && !m_bFreshened && molra::IsIndexHeader(head);
   // A valid header whose end lies on a node is believed as far as its
   // nodes bear it out; any other is rebuilt from the nodes.
   const bool believed = valid && (head.dwEnd == 0 || OnBoundary(head.dwEnd));
@@ -360,11 +358,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
   }
 
   // The header the nodes call for.
-  _tagIDXHDR h;
-  std::memset(&h, 0, sizeof h);
-  h.cMagic[0] = 'Y';
-  h.cMagic[1] = 'K';
-  h.wVersion = kIndexVersion;
+  _tagIDXHDR h = molra::EmptyIndexHeader();
   h.dwOpen = believed ? head.dwOpen : 1;
   if (kept != 0) {
     const Ends ends = Replay(nodes, kept);

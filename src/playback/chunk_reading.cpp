@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "disk/store_paths.h"
 #include "disk/fs_file.h"
 #include "disk/status_log.h"
 #include "index/fs_index.h"
@@ -18,7 +19,6 @@ using molra::detail::CFsIndex;
 
 namespace {
 
-constexpr char kDefectLogPath[] = "c:\\FSDIR\\defected.dat";
 
 // Limits a record must keep to be handed out. The upper limits themselves
 // pass: hour 24, minute and second 60.
@@ -100,7 +100,7 @@ void CMOLRA::FsNoExistData(_tagCHUNKHDR* header) {
                 static_cast<const char*>(now), basket ? basket->szPath : "", stamp.wMonth,
                 stamp.wDay, stamp.wHour, stamp.wMinute, stamp.wSecond, static_cast<int>(length));
   // Without the log directory the lines are lost; the read still fails.
-  molra::AppendLogText(kDefectLogPath, lines);
+  molra::AppendLogText(molra::kDefectLogPath, lines);
 }
 
 bool CMOLRA::Placed() const {

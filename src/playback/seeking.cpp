@@ -35,7 +35,7 @@ LONG CMOLRA::FindFirstBskDate(LONG year, LONG month, LONG day, LONG hour, LONG m
   // comes last: a minute two baskets share is played from the older.
   for (DWORD n = 1; n <= baskets; ++n) {
     const DWORD b = static_cast<DWORD>((std::uint64_t{current} + n) % baskets);
-    if (HoldsAt(b, time, 2)) return static_cast<LONG>(b);
+    if (HoldsAt(b, time, kByMinute)) return static_cast<LONG>(b);
   }
   return -1;
 }
@@ -49,7 +49,7 @@ LONG CMOLRA::FindFirstBskDateSec(LONG year, LONG month, LONG day, LONG hour, LON
   // The current basket first: a second two baskets share is played from it.
   for (DWORD n = 0; n < baskets; ++n) {
     const DWORD b = static_cast<DWORD>((std::uint64_t{m_FsHdr.dwCurrent} + n) % baskets);
-    if (HoldsAt(b, time, 1)) return static_cast<LONG>(b);
+    if (HoldsAt(b, time, kBySecond)) return static_cast<LONG>(b);
   }
   return -1;
 }

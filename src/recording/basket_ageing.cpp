@@ -131,11 +131,7 @@ int CMOLRA::EraseOldest(DWORD b, _tagFSBSKINFO* info) {
     LogFailure("Basket Erase -%d Error Code:%d", b);
     return 1;
   }
-  _tagIDXHDR empty;
-  std::memset(&empty, 0, sizeof empty);
-  empty.cMagic[0] = 'Y';
-  empty.cMagic[1] = 'K';
-  empty.wVersion = 256;
+  const _tagIDXHDR empty = molra::EmptyIndexHeader();
   // A write that fails leaves the catalogue as it was: the next call
   // erases the basket again.
   const molra::BasketFile indexPath(record->szPath, molra::kIndexExt);
@@ -229,12 +225,13 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
     index.Close();
     return 1;
   }
-  char cutKey[64];
-  std::snprintf(cutKey, sizeof cutKey, "%s%02d%02d%02d%04d%02d", cutOff.c_str(), 23, 59, 59, 9999, 99);
+  int year = 0, month = 0, day = 0;
+  std::sscanf(cutOff.c_str(), "%4d%2d%2d", &year, &month, &day);
+  const molra::KeyText cutKey = molra::LastKeyOfDay(year, month, day);
   DWORD count = index.Header().dwCount;
   _tagIDXNODE node;
   bool haveNode = index.ReadNode(&node, index.Header().dwFirst) != 0;
-  if (haveNode && CFsIndex::CompareKey(node.cKey, cutKey, 8) <= 0) {
+  if (haveNode && CFsIndex::CompareKey(node.cKey, cutKey.text, 8) <= 0) {
     DWORD offset = index.Header().dwFirst;
     for (;;) {
       --count;
@@ -245,7 +242,7 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
         break;
       }
       offset = found;
-      if (CFsIndex::CompareKey(node.cKey, cutKey, 8) > 0) {
+      if (CFsIndex::CompareKey(node.cKey, cutKey.text, 8) > 0) {
         if (!index.CutFront(found, count, &node)) {
           // The catalogue keeps the basket as it was: the next call cuts again.
           index.Close();

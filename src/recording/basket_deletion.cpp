@@ -127,7 +127,7 @@ LONG CMOLRA::DelTBLSaveDataInfo(CString date, CString limit) {
     if (record == nullptr) continue;
     SYSTEMTIME start = record->stFirst;
     ChangeSystemToLocalTime(start, 1);
-    if (CompareSystemTime(&reference, &start, 4) == 0) continue;
+    if (CompareSystemTime(&reference, &start, kByDay) == 0) continue;
     if (IntervalSystemTime(&reference, &start, 4) <= days) continue;
 
     CFsFile table;

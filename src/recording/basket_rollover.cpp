@@ -50,10 +50,7 @@ LONG CMOLRA::RollOver() {
     if (!m_pIndex->Open(index, CFsFile::kModeReadWrite, 1)) continue;
     if (!m_pData->Open(data, CFsFile::kModeReadWrite)) continue;
     // The old chunks stay on disk; the reset head no longer reaches them.
-    std::memset(&m_DataHdr, 0, sizeof m_DataHdr);
-    m_DataHdr.wVersion = 0x0100;
-    std::memcpy(m_DataHdr.szMagic, "MOLRA", sizeof m_DataHdr.szMagic);
-    m_DataHdr.dwWritePos = sizeof m_DataHdr;
+    m_DataHdr = molra::EmptyDataHead();
     m_pData->WriteAt(0, &m_DataHdr, sizeof m_DataHdr);
     if (m_pTable->Open(table, CFsFile::kModeReadWrite)) return FS_OK;
   }

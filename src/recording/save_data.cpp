@@ -122,8 +122,8 @@ LONG CMOLRA::SaveData(_tagCHUNKHDR* chunk, const void* payload, DWORD* remaining
   ++basket->dwChunks;
   const SYSTEMTIME first = basket->stFirst;
   const SYSTEMTIME latest = basket->stLast;
-  if (CompareSystemTime(&stamp, &first, 0) < 0) basket->stFirst = stamp;
-  if (CompareSystemTime(&stamp, &latest, 0) > 0) basket->stLast = stamp;
+  if (CompareSystemTime(&stamp, &first, kByMillisecond) < 0) basket->stFirst = stamp;
+  if (CompareSystemTime(&stamp, &latest, kByMillisecond) > 0) basket->stLast = stamp;
   // After a rollover the new basket's record goes before the head that
   // names it current: a head written alone would lead the next open into
   // the last cycle's record.

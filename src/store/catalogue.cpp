@@ -99,7 +99,7 @@ void CMOLRA::PlaceRingInList() {
     SYSTEMTIME newestLast = (*m_ppBasket)[0].stLast;
     for (DWORD n = 1; n < baskets; ++n) {
       const SYSTEMTIME last = (*m_ppBasket)[n].stLast;
-      if (CompareSystemTime(&last, &newestLast, 0) > 0) {
+      if (CompareSystemTime(&last, &newestLast, kByMillisecond) > 0) {
         newest = n;
         newestLast = last;
       }

@@ -7,6 +7,7 @@
 #include <new>
 #include <vector>
 
+#include "disk/store_paths.h"
 #include "disk/fs_file.h"
 #include "molra/molra.h"
 #include "platform/clock.h"
@@ -48,10 +49,7 @@ DWORD FileNumberOf(const char* path) {
 bool MakeDataFile(const char* path) {
   CFsFile file;
   if (!file.CreateSized(path, molra::kDataFileSize)) return false;
-  _tagDATAHDR head = {};
-  head.wVersion = 0x0100;
-  std::memcpy(head.szMagic, "MOLRA", 5);
-  head.dwWritePos = sizeof(_tagDATAHDR);
+  const _tagDATAHDR head = molra::EmptyDataHead();
   const bool written = file.Seek(0, 0) && file.Write(&head, sizeof head);
   return file.Close() && written;
 }
@@ -131,7 +129,7 @@ LONG CMOLRA::CreateFS(_tagBSKLOC* locations, DWORD count) {
   for (DWORD e = 0; e < count && failure == FS_OK; ++e) {
     if (locations[e].lCount <= 0) continue;
     char driveDir[16];
-    std::snprintf(driveDir, sizeof driveDir, "%c:\\MOLRA",
+    std::snprintf(driveDir, sizeof driveDir, molra::kBasketDirFormat,
                   static_cast<char>('A' + locations[e].chDrive));
     platform::CurrentEnv()->MakeDirectory(driveDir);
 

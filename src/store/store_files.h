@@ -4,12 +4,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "disk/store_paths.h"
 #include "molra/records.h"
 
 namespace molra {
 
-constexpr char kHomeDir[] = "C:\\FSDIR";
-constexpr char kCatalogPath[] = "C:\\FSDIR\\MOLRA.CFT";
 constexpr char kDataExt[] = ".CDT";
 constexpr char kIndexExt[] = ".CIN";
 constexpr char kTableExt[] = ".CTA";
@@ -25,6 +24,15 @@ class BasketFile {
  private:
   char m_text[sizeof(_tagFSBSKINFO::szPath) + 8];
 };
+
+// The data head of a basket that holds no chunk: the next goes right behind it.
+inline _tagDATAHDR EmptyDataHead() {
+  _tagDATAHDR head{};
+  head.wVersion = 0x0100;
+  std::memcpy(head.szMagic, "MOLRA", sizeof head.szMagic);
+  head.dwWritePos = sizeof head;
+  return head;
+}
 
 // The head of a catalogue that holds no basket yet.
 inline void SetDefaultHead(_tagFSHDR* head) {

@@ -10,12 +10,6 @@ using molra::detail::CZoneClock;
 
 namespace {
 
-// The fields that a level prints, in order: year, month, day, hour,
-// minute, second, milliseconds.
-int FieldsOf(LONG level) {
-  return level >= 1 && level <= 6 ? 7 - static_cast<int>(level) : 7;
-}
-
 void Fields(const SYSTEMTIME& t, unsigned out[7]) {
   out[0] = t.wYear;
   out[1] = t.wMonth;
@@ -30,7 +24,9 @@ void Fields(const SYSTEMTIME& t, unsigned out[7]) {
 
 LONG CMOLRA::CompareSystemTime(const SYSTEMTIME* a, const SYSTEMTIME* b, LONG level) {
   if (a == nullptr || b == nullptr) return 0;  // no stamp orders nothing
-  const int count = FieldsOf(level);
+  // The fields a grain prints, in order: year, month, day, hour, minute,
+  // second, milliseconds; one fewer for each grain above the millisecond.
+  const int count = level >= kBySecond && level <= kByYear ? 7 - static_cast<int>(level) : 7;
   unsigned fa[7];
   unsigned fb[7];
   Fields(*a, fa);

@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "disk/store_paths.h"
 #include "disk/status_log.h"
 #include "molra/molra.h"
 #include "platform/local_time.h"
@@ -122,7 +123,7 @@ int CMOLRA::GetTimeZoneInfoFromFile(TIME_ZONE_INFORMATION* pTzi) {
   if (pTzi == nullptr) return 0;
   size_t got = 0;
   // Only the bias is stored there; the rest of the record stays.
-  return molra::platform::ReadTextStream("c:\\fsdir\\tz.inf", &pTzi->Bias, sizeof pTzi->Bias, &got)
+  return molra::platform::ReadTextStream(molra::kZoneBiasPath, &pTzi->Bias, sizeof pTzi->Bias, &got)
              ? 1
              : 0;
 }

@@ -75,7 +75,8 @@ LONG CMOLRA::GetSaveDateInfo(LONG year, LONG month, int* days, LONG count) {
     ChangeSystemToLocalTime(first, 1);
     ChangeSystemToLocalTime(last, 1);
     if (isSet(first.wDay) && isSet(last.wDay)) continue;
-    if (CompareSystemTime(&asked, &first, 5) < 0 || CompareSystemTime(&asked, &last, 5) > 0) continue;
+    if (CompareSystemTime(&asked, &first, kByMonth) < 0 ||
+        CompareSystemTime(&asked, &last, kByMonth) > 0) continue;
     const auto sameDay = [](const SYSTEMTIME& a, const SYSTEMTIME& b) {
       return a.wYear == b.wYear && a.wMonth == b.wMonth && a.wDay == b.wDay;
     };
@@ -120,14 +121,14 @@ LONG CMOLRA::GetSaveTimeInfo(LONG year, LONG month, LONG day, LONG /*unused*/, D
   const SYSTEMTIME asked = Stamp(year, month, day);
 
   DWORD i = 0;
-  while (i < baskets && !HoldsAt((m_FsHdr.dwOldest + i) % baskets, asked, 4)) ++i;
+  while (i < baskets && !HoldsAt((m_FsHdr.dwOldest + i) % baskets, asked, kByDay)) ++i;
   if (i == baskets) return FS_OK;
   // Baskets that marked new hours tell which ones to read, when any does.
   bool restricted = false;
   for (DWORD j = i; j < baskets && !restricted; ++j) {
     const DWORD b = (m_FsHdr.dwOldest + j) % baskets;
     const _tagFSBSKINFO* record = Basket(b);
-    restricted = record != nullptr && (record->dwFlags & 1) != 0 && HoldsAt(b, asked, 4);
+    restricted = record != nullptr && (record->dwFlags & 1) != 0 && HoldsAt(b, asked, kByDay);
   }
   for (; i < baskets; ++i) {
     const DWORD b = (m_FsHdr.dwOldest + i) % baskets;
@@ -137,7 +138,7 @@ LONG CMOLRA::GetSaveTimeInfo(LONG year, LONG month, LONG day, LONG /*unused*/, D
                     static_cast<int>((static_cast<double>(i + 1) / baskets) * 100));
       progress->SetWindowText(text);
     }
-    if (!HoldsAt(b, asked, 4)) break;
+    if (!HoldsAt(b, asked, kByDay)) break;
     const _tagFSBSKINFO* record = Basket(b);
     if (restricted && (record->dwFlags & 1) == 0) continue;
     molra::DayRecordReader table;
@@ -169,10 +170,10 @@ LONG CMOLRA::GetSaveMinuteInfo(LONG year, LONG month, LONG day, LONG hour, LONG 
   if (baskets == 0 || utc.wHour > 23) return FS_OK;
 
   DWORD i = 0;
-  while (i < baskets && !HoldsAt((m_FsHdr.dwOldest + i) % baskets, utc, 3)) ++i;
+  while (i < baskets && !HoldsAt((m_FsHdr.dwOldest + i) % baskets, utc, kByHour)) ++i;
   for (; i < baskets; ++i) {
     const DWORD b = (m_FsHdr.dwOldest + i) % baskets;
-    if (!HoldsAt(b, utc, 3)) break;
+    if (!HoldsAt(b, utc, kByHour)) break;
     const _tagFSBSKINFO* record = Basket(b);
     molra::DayRecordReader table;
     if (!table.Open(record->szPath)) continue;
