@@ -33,6 +33,7 @@ class FaultyFile final : public File {
     return m_target->Write(buffer, count, done);
   }
   bool ReadAt(DWORD position, void* buffer, DWORD count, DWORD* done) override {
+    if (m_env->beforeReadAt) m_env->beforeReadAt(m_path, position, count);
     if (Failed(done)) return false;
     return m_target->ReadAt(position, buffer, count, done);
   }
@@ -146,6 +147,7 @@ void FaultInjectionEnv::Reset() {
   ResetWrites();
   m_closeFailures = 0;
   m_readFailures = 0;
+  beforeReadAt = nullptr;
   std::lock_guard<std::mutex> lock(m_roomMutex);
   for (bool& limited : m_roomLimited) limited = false;
   m_flushes.clear();

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -33,6 +34,9 @@ class FaultInjectionEnv : public EnvWrapper {
   // reserved through this env, or to its length when it was opened;
   // cutting or removing a file gives no room back.
   void FillDiskAfter(char drive, DWORD bytes);
+  // Called before each positioned read, with the path as opened: another
+  // writer of the file can go on meanwhile.
+  std::function<void(const std::string& path, DWORD position, DWORD count)> beforeReadAt;
   void Reset();                  // no faults at all; the count starts again
 
   DWORD Writes() const { return m_writes.load(); }

@@ -83,6 +83,15 @@ LONG CMOLRA::ReadOut(const _tagIDXREF& ref, _tagCHUNKHDR* header, unsigned char*
        !data->ReadAt(ref.dwOffset + static_cast<DWORD>(sizeof read), payload, length))) {
     return kind == ReadKind::kSeek ? FS_ERR_FILE : FS_ERR_PARAM;
   }
+  // A recorder that reset the basket meanwhile has written over the chunk
+  // from its header on: the header must still be the one read.
+  _tagCHUNKHDR again;
+  if (molra::platform::StrictChunks() &&
+      (!data->ReadAt(ref.dwOffset, &again, sizeof again) ||
+       std::memcmp(&again, &read, sizeof again) != 0)) {
+    FsNoExistData(header);
+    return FS_ERR_FILE;
+  }
   OnReadingData(header);
   return FS_OK;
 }

@@ -2,6 +2,7 @@
 #include <fstream>
 
 #include "molra/platform.h"
+#include "platform/fault_injection.h"
 #include "playback/playback_fixture.h"
 
 namespace molra_test {
@@ -50,6 +51,24 @@ TEST_F(StrictChunksTest, AHeaderThatDisagreesWithItsNodeOrReachesPastTheHeadIsRe
   Damage(0, 3, [](_tagCHUNKHDR& h) { h.stTime.wMilliseconds = 1; });
   EXPECT_EQ(Seek(-1, At(10, 0, 3), true), "c2 10:00:03");
   EXPECT_EQ(Step(-1), "#6");
+}
+
+TEST_F(StrictChunksTest, AChunkTheRecorderWritesOverWhileItIsReadIsRefused) {
+  Make(1);
+  Save(1, At(10, 0, 5), true, 100);
+  molra::platform::SetStrictChunks(true);
+  const DWORD payloadAt = Offset(0, 0) + sizeof(_tagCHUNKHDR);
+  molra::platform::ScopedFaultInjection faults;
+  // The ring of one comes round while the first chunk's payload is read.
+  faults->beforeReadAt = [&](const std::string& path, DWORD position, DWORD count) {
+    if (path.find(".CDT") == std::string::npos || position != payloadAt || count != 100) return;
+    faults->beforeReadAt = nullptr;
+    NextBasket();
+    Save(1, At(10, 1, 0), true, 100);
+  };
+  Play();
+  EXPECT_EQ(Seek(-1, At(10, 0, 5), true), "#6");
+  EXPECT_NE(DefectLog().find("[11-18, 10:0:5]:[100]"), std::string::npos);
 }
 
 }  // namespace
