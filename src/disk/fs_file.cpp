@@ -31,6 +31,7 @@ int CFsFile::Open(char const* path, int mode) {
                                   : mode == kModeWrite   ? platform::Access::kWrite
                                                          : platform::Access::kRead;
   m_path = path;
+  m_advice = -1;
   char line[400];
   for (int retries = 0;;) {
     // A handle the object still held is released here rather than leaked.
@@ -159,6 +160,7 @@ int CFsFile::Reserve(DWORD size) {
 int CFsFile::CreateSized(char const* path, DWORD size) {
   if (IsOpen()) Close();
   m_path = path;
+  m_advice = -1;
   m_hFile = OpenShared(path, platform::Access::kReadWrite);
   if (!m_hFile) return 0;
   // A size the 32-bit seek cannot reach must not cut the file to nothing.
@@ -175,6 +177,20 @@ int CFsFile::Flush() {
   if (m_hFile->Flush()) return 1;
   LogFailure("flush", 0);
   return 0;
+}
+
+int CFsFile::Advise(platform::Advice advice, DWORD offset, DWORD count) {
+  if (!IsOpen()) return 0;
+  // A whole-file hint holds for the handle: given once, not at every read.
+  const int whole = count == 0 && offset == 0 ? static_cast<int>(advice) : -1;
+  if (whole >= 0 && whole == m_advice) return 1;
+  if (!m_hFile->Advise(advice, offset, count)) return 0;
+  if (whole >= 0) m_advice = whole;
+  return 1;
+}
+
+int CFsFile::Holds(char const* path) {
+  return IsOpen() && path != nullptr && m_path == path && m_hFile->IsFileAt(path) ? 1 : 0;
 }
 
 void CFsFile::LogFailure(const char* operation, DWORD offset) const {

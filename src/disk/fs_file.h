@@ -52,6 +52,12 @@ class CFsFile {
   // Opens or makes the file, reserves its blocks and sets its length; the
   // file stays open with the position at `size`.
   int CreateSized(char const* path, DWORD size);
+  // Tells the system how `count` bytes from `offset` are about to be read
+  // (0: to the end); 1 when the hint was taken. Nothing else changes.
+  int Advise(molra::platform::Advice advice, DWORD offset, DWORD count);
+  // 1 when the file is open by `path`, as spelled, and `path` still names
+  // that very file; 0 also when the system cannot tell.
+  int Holds(char const* path);
 
  protected:
   std::unique_ptr<molra::platform::File> m_hFile;  // null: no file open
@@ -61,6 +67,7 @@ class CFsFile {
   void LogFailure(const char* operation, DWORD offset) const;
 
   std::string m_path;  // of the file last opened, for the log
+  int m_advice = -1;   // the whole-file hint this handle has taken; -1 none
 };
 
 }  // namespace detail

@@ -106,6 +106,16 @@ int CFsIndex::ReadWalkNode(_tagIDXNODE* node, DWORD offset, bool forward) {
 int CFsIndex::Open(char const* path, int mode, int reset) {
   m_Run.length = 0;
   if (!CFsFile::Open(path, mode)) return 0;
+  return TakeHeader(reset);
+}
+
+int CFsIndex::Reopen() {
+  if (!PutHeaderAway()) return -1;
+  return TakeHeader(0) ? 1 : 0;
+}
+
+int CFsIndex::TakeHeader(int reset) {
+  m_Run.length = 0;
   // The cursor stays: after a failed lookup a reader steps on from the
   // last node it handed out, whichever basket that was in.
   m_bWrote = false;
@@ -139,6 +149,10 @@ int CFsIndex::Open(char const* path, int mode, int reset) {
 }
 
 int CFsIndex::Close() {
+  return PutHeaderAway() && CFsFile::Close() ? 1 : 0;
+}
+
+int CFsIndex::PutHeaderAway() {
   m_Run.length = 0;
   if (!IsOpen()) return 0;
   m_Hdr.dwOpen = 0;
@@ -151,7 +165,7 @@ int CFsIndex::Close() {
       return 0;
     }
   }
-  return CFsFile::Close();
+  return 1;
 }
 
 int CFsIndex::Descend(const char* key, DWORD newOffset, _tagIDXNODE* parent,

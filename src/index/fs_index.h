@@ -55,6 +55,10 @@ class CFsIndex : public CFsFile {
   // written the header marks only the open word, so that a reader's stale
   // copy never sets a recorder's tree back.
   int Close();
+  // Close and Open again with reset 0, on the handle already open: what
+  // the two write and read happens alike. 1 on success, -1 where Close
+  // would fail (the file stays open), 0 where Open would (it is closed).
+  int Reopen();
   // Enters `key` (20 characters). A duplicate found by a descent is
   // refused; a key with the top bit of dwInfo set is appended unseen.
   int Insert(const char* key, const _tagIDXREF& ref);
@@ -112,6 +116,10 @@ class CFsIndex : public CFsFile {
     DWORD next = 0;  // bytes of the next read; 0: the read-ahead size
   };
 
+  // The halves of Open and Close that work on the header, not the handle.
+  // TakeHeader closes the file when it fails.
+  int TakeHeader(int reset);
+  int PutHeaderAway();
   int ReadNode(_tagIDXNODE* node, DWORD offset);
   int WriteNode(const _tagIDXNODE* node, DWORD offset);
   int ReadHeader(_tagIDXHDR* header);

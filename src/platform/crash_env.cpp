@@ -68,6 +68,10 @@ class CrashFile final : public File {
     m_env->CountFlush(m_key);
     return true;
   }
+  bool Advise(Advice advice, DWORD position, DWORD length) override {
+    return m_target->Advise(advice, position, length);
+  }
+  bool IsFileAt(const char* path) override { return m_target->IsFileAt(path); }
   bool Close() override { return m_target->Close(); }
 
  private:

@@ -68,6 +68,13 @@ enum class Disposition {
 // Origins of File::Seek, in the platform's numbering.
 enum : DWORD { kFileBegin = 0, kFileCurrent = 1, kFileEnd = 2 };
 
+// Hints to File::Advise of how a range of a file is about to be read.
+enum class Advice {
+  kNormal,      // no particular order
+  kSequential,  // read from its start towards its end
+  kWillNeed,    // read soon: may be fetched ahead
+};
+
 constexpr DWORD kInvalidSetFilePointer = 0xFFFFFFFFu;
 constexpr DWORD kInvalidFileSize = 0xFFFFFFFFu;
 constexpr DWORD kInvalidFileAttributes = 0xFFFFFFFFu;
@@ -105,6 +112,15 @@ class File {
   virtual bool Reserve(DWORD size);
   virtual DWORD Size() = 0;  // kInvalidFileSize on failure
   virtual bool Flush() = 0;
+  // Tells the system how `length` bytes from `position` are about to be
+  // read (0: to the end of the file). A hint only: no byte and no answer
+  // of a later call changes. False where it is not taken; this base takes
+  // none.
+  virtual bool Advise(Advice /*advice*/, DWORD /*position*/, DWORD /*length*/) { return false; }
+  // True when `path` names the very file this handle has open; false when
+  // it names another file or none, or the backend cannot tell, as this
+  // base cannot.
+  virtual bool IsFileAt(const char* /*path*/) { return false; }
   // Releases the handle. A backend whose failed close keeps the handle
   // leaves the file open, so that a caller can try again; one whose system
   // releases it anyway answers the next Close with success.

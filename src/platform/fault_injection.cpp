@@ -33,7 +33,11 @@ class FaultyFile final : public File {
     return m_target->Write(buffer, count, done);
   }
   bool ReadAt(DWORD position, void* buffer, DWORD count, DWORD* done) override {
-    if (m_env->beforeReadAt) m_env->beforeReadAt(m_path, position, count);
+    // Called through a copy: a hook may clear itself while it runs.
+    if (m_env->beforeReadAt) {
+      const auto hook = m_env->beforeReadAt;
+      hook(m_path, position, count);
+    }
     if (Failed(done)) return false;
     return m_target->ReadAt(position, buffer, count, done);
   }
@@ -71,6 +75,11 @@ class FaultyFile final : public File {
     m_env->CountFlush(m_path.c_str());
     return m_target->Flush();
   }
+  bool Advise(Advice advice, DWORD position, DWORD length) override {
+    return m_target->Advise(advice, position, length);
+  }
+  // IsFileAt is not passed on: a store then closes and opens a basket's
+  // files as it moves to it, and meets every fault set on those calls.
   bool Close() override {
     DWORD error = 0;
     if (m_env->CloseFails(&error)) {

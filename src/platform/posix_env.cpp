@@ -204,6 +204,31 @@ class PosixFile final : public File {
     return true;
   }
 
+  bool Advise(Advice advice, DWORD position, DWORD length) override {
+#ifdef POSIX_FADV_SEQUENTIAL
+    if (m_fd < 0) return false;
+    const int how = advice == Advice::kSequential ? POSIX_FADV_SEQUENTIAL
+                    : advice == Advice::kWillNeed ? POSIX_FADV_WILLNEED
+                                                  : POSIX_FADV_NORMAL;
+    return ::posix_fadvise(m_fd, off_t{position}, off_t{length}, how) == 0;
+#else
+    (void)advice, (void)position, (void)length;
+    return false;
+#endif
+  }
+
+  bool IsFileAt(const char* path) override {
+    // The last error stays as it was: this is a question, not an operation.
+    const DWORD error = GetLastError();
+    std::string real;
+    struct stat named, held;
+    const bool same = m_fd >= 0 && ResolvePath(path, &real) &&
+                      ::stat(real.c_str(), &named) == 0 && ::fstat(m_fd, &held) == 0 &&
+                      named.st_dev == held.st_dev && named.st_ino == held.st_ino;
+    SetLastError(error);
+    return same;
+  }
+
   bool Close() override {
     if (m_fd < 0) return true;
     const int fd = std::exchange(m_fd, -1);

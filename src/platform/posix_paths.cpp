@@ -50,6 +50,23 @@ std::string MatchEntry(const std::string& dir, const std::string& component,
   return component;
 }
 
+// `root` and the components of `rest` joined as they are spelled: the
+// answer of a resolution in which every entry matches exactly. False for
+// "." and "..", which the resolution treats component by component.
+bool ExactPath(const std::string& root, const char* rest, std::string* joined) {
+  *joined = root;
+  for (const char* p = rest; *p;) {
+    while (IsSeparator(*p)) ++p;
+    const char* start = p;
+    while (*p && !IsSeparator(*p)) ++p;
+    if (p == start) break;
+    if (*start == '.' && (p - start == 1 || (p - start == 2 && start[1] == '.'))) return false;
+    *joined += '/';
+    joined->append(start, p);
+  }
+  return true;
+}
+
 }  // namespace
 
 bool ResolvePath(const char* path, std::string* real) {
@@ -60,6 +77,10 @@ bool ResolvePath(const char* path, std::string* real) {
   std::string root = DriveRoot(path[0]);
   while (root.size() > 1 && root.back() == '/') root.pop_back();
   struct stat st;
+  // Most paths name an entry exactly as spelled: one lstat of the whole
+  // path tells, since it succeeds only where every directory on the way
+  // does, and then each component matches as it stands.
+  if (ExactPath(root, path + 2, real) && ::lstat(real->c_str(), &st) == 0) return true;
   if (::stat(root.c_str(), &st) != 0) MakeDirectories(root);
 
   std::vector<std::string> components;

@@ -21,6 +21,9 @@ struct Settings {
   bool hasClock = false;
   SYSTEMTIME clock{};
   std::function<void()> messageHook;
+  // Set while a hook is installed: the message step of every node of a
+  // tree walk costs one load when there is none.
+  std::atomic<bool> hasMessageHook{false};
   std::function<void(const char*)> messageBoxHook;
   std::atomic<DWORD> flushInterval{0};
   std::atomic<bool> strictChunks{false};
@@ -61,6 +64,7 @@ void SetMessageHook(std::function<void()> hook) {
   Settings& s = Get();
   std::lock_guard<std::mutex> lock(s.mutex);
   s.messageHook = std::move(hook);
+  s.hasMessageHook.store(static_cast<bool>(s.messageHook));
 }
 
 void SetMessageBoxHook(std::function<void(const char*)> hook) {
@@ -100,9 +104,10 @@ bool FixedClock(SYSTEMTIME* utcNow) {
 }
 
 void MessageStep() {
+  Settings& s = Get();
+  if (!s.hasMessageHook.load()) return;
   std::function<void()> hook;
   {
-    Settings& s = Get();
     std::lock_guard<std::mutex> lock(s.mutex);
     hook = s.messageHook;
   }

@@ -8,6 +8,7 @@
 #include "playback/local_reads.h"
 #include "playback/walk_limits.h"
 
+using molra::detail::CFsFile;
 using molra::detail::CFsIndex;
 
 LONG CMOLRA::ReadNextData(_tagCHUNKHDR* header, unsigned char* payload, unsigned char bDaylight) {
@@ -57,6 +58,20 @@ LONG CMOLRA::MoveOne(bool forward, char* key, _tagIDXREF* ref, bool* entered) {
   return FS_OK;
 }
 
+namespace {
+
+// Steps read a basket's nodes and chunks in file order, forward or back:
+// a hint lets the system fetch ahead of a forward reader, and a backward
+// one take no more than it asks for. It changes no byte read.
+void AdviseOrder(CFsFile* index, CFsFile* data, bool forward) {
+  const auto order = forward ? molra::platform::Advice::kSequential
+                             : molra::platform::Advice::kNormal;
+  if (index) index->Advise(order, 0, 0);
+  if (data) data->Advise(order, 0, 0);
+}
+
+}  // namespace
+
 LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
   if (m_lExit.load() != 0) return FS_ERR_INDEX;
   if (!StoreOpen()) return FS_ERR_FILE;
@@ -74,6 +89,7 @@ LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
     const molra::IndexRun run(m_pIndex, molra::kStepBlock);
     const LONG moved = MoveOne(forward, key, &ref, &entered);
     if (moved != FS_OK) return moved;
+    AdviseOrder(m_pIndex.get(), m_pData.get(), forward);
     return ReadOut(ref, header, payload, ReadKind::kStep, false);
   }
 
@@ -84,6 +100,7 @@ LONG CMOLRA::Step(_tagCHUNKHDR* header, unsigned char* payload, bool forward) {
     const LONG moved = MoveOne(forward, key, &ref, &entered);
     if (moved != FS_OK) return moved;
     if (ref.cChannel == channel) {
+      AdviseOrder(m_pIndex.get(), m_pData.get(), forward);
       // A backward walk that finds its channel on entering a basket
       // refuses an empty chunk there.
       return ReadOut(ref, header, payload, ReadKind::kStep, !forward && entered);

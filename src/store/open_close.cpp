@@ -118,9 +118,26 @@ LONG CMOLRA::OpenBsk(LONG basket) {
     return FS_ERR_INDEX;
   }
   if (!m_pTable || !m_pData) return FS_ERR_FILE;
+  const BasketPaths paths(*record);
+  // The basket open already, on the very files its paths name: the handles
+  // stay, and the index is closed and opened on its own handle, so that its
+  // header is read afresh just as a reopen reads it. A handle closed and
+  // opened again would see nothing else.
+  if (m_pIndex->Holds(paths.index) && m_pData->Holds(paths.data) &&
+      m_pTable->Holds(paths.table)) {
+    const int reopened = m_pIndex->Reopen();
+    if (reopened < 0) return FS_ERR_FILE;
+    if (reopened == 0) {
+      // As after a failed open of the index: all three closed.
+      m_pTable->Close();
+      m_pData->Close();
+      return FS_ERR_INDEX;
+    }
+    molra::ReadRebuiltIndex(m_pIndex.get(), m_pData.get());
+    return FS_OK;
+  }
   if (!m_pIndex->Close() || !m_pTable->Close() || !m_pData->Close()) return FS_ERR_FILE;
 
-  const BasketPaths paths(*record);
   if (!m_pIndex->Open(paths.index, CFsFile::kModeReadWrite, 0)) return FS_ERR_INDEX;
   if (!m_pData->Open(paths.data, CFsFile::kModeReadWrite)) return FS_ERR_FILE;
   molra::ReadRebuiltIndex(m_pIndex.get(), m_pData.get());

@@ -69,6 +69,9 @@ TEST_F(StrictChunksTest, AChunkTheRecorderWritesOverWhileItIsReadIsRefused) {
   Play();
   EXPECT_EQ(Seek(-1, At(10, 0, 5), true), "#6");
   EXPECT_NE(DefectLog().find("[11-18, 10:0:5]:[100]"), std::string::npos);
+  // Their files were opened through the injection, which goes first.
+  player.CloseFS();
+  recorder.CloseFS();
 }
 
 }  // namespace
