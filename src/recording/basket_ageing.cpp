@@ -181,6 +181,13 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
     return 1;
   }
   const DWORD days = info->dwDays;
+  // A count beyond the records the file holds (damage) would fail at the
+  // first missing one: it fails before any room is asked for them.
+  const DWORD held = table->Size() / kRecordSize;
+  if (days > held) {
+    LogFailure("Basket Update -%dTBL Error Code:%d", b);
+    return 1;
+  }
   std::unique_ptr<BYTE[]> kept(new (std::nothrow) BYTE[static_cast<size_t>(days) * kRecordSize]);
   std::unique_ptr<_tagFSBSKTBL> one(new (std::nothrow) _tagFSBSKTBL());
   if (!kept || !one) {

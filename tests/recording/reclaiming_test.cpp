@@ -127,6 +127,7 @@ struct AgeCase {
   char effect;       // 'k' kept, 'e' erased, 'c' cut
   DWORD oldest = 0;  // the basket aged
   char holder = 0;   // of basket 0: 'r' the recorder, 'p' a player, 'c' one in another process
+  DWORD days = 0;    // the basket's dwDays as damage left it; 0: as recorded
 };
 class ReclaimAge : public ReclaimTest, public ::testing::WithParamInterface<AgeCase> {};
 
@@ -139,6 +140,11 @@ TEST_P(ReclaimAge, ErasesCutsOrKeepsTheOldestBasket) {  // today is the 18th
   if (p.holder != 'r') rec.CloseFS();
   ASSERT_TRUE(p.holder != 'p' || player.OpenFS(1) == FS_OK);
   ASSERT_TRUE(p.holder != 'c' || child.emplace().ok);
+  if (p.days != 0) {
+    Bytes cat = Catalogue();
+    Put<DWORD>(&cat, kHead + b * kRec + kDaysAt, p.days);
+    WriteCatalogue(cat);
+  }
   std::vector<Bytes> want = Files(b);
   _tagFSBSKINFO info{};
   EXPECT_EQ(Age(p.retention, &info, p.oldest), p.result);
@@ -161,6 +167,7 @@ const AgeCase kAgeCases[] = {
     {"AllOnTheCutOffDayIsWhole", {{15}, {15, 2}, {0}, {19}}, 3, 1, 'e'},
     {"StartingOnTheCutOffDayIsCut", {{15}, {16}, {0}, {19}}, 3, 1, 'c'},
     {"CutOffBeforeTheStartKeepsAll", {{15}, {16}, {0}, {19}}, 4, 0, 'k'},
+    {"DaysBeyondTheTableFailTheCut", {{15}, {16}, {0}, {19}}, 3, 1, 'k', 0, 0, 0xFFFFFFFF},
     {"NeverUsedLastBasketGoesAndWraps", {{15}, {0}, {19}}, 1000, 1, 'e', 2},
     // A cut-off is a date from year 1 on (734,092 days back is 0001-01-02);
     // a retention reaching further keeps everything.
