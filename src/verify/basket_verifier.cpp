@@ -139,8 +139,9 @@ class BasketCheck {
   // With `rest`, the index header of an earlier reading in which nothing
   // moved: the recorder's basket is then judged as at rest, as a basket
   // that a power cut left is.
-  BasketCheck(DWORD number, const _tagFSBSKINFO& listed, const _tagIDXHDR* rest)
-      : m_n(number), m_listed(listed), m_record(listed), m_rest(rest) {
+  BasketCheck(DWORD number, const _tagFSBSKINFO& listed, const _tagIDXHDR* rest,
+              const SYSTEMTIME* restFirst)
+      : m_n(number), m_listed(listed), m_record(listed), m_rest(rest), m_restFirst(restFirst) {
     m_listed.szPath[sizeof m_listed.szPath - 1] = '\0';
     m_cin = BasketFile(m_listed.szPath, kIndexExt);
     m_cdt = BasketFile(m_listed.szPath, kDataExt);
@@ -151,6 +152,7 @@ class BasketCheck {
   bool Run(Report* report);
   bool Live() const { return m_live; }
   const _tagIDXHDR& Header() const { return m_header; }
+  SYSTEMTIME First() const { return m_record.stFirst; }
 
  private:
   bool Opened(ReadOnlyFile* file, const std::string& path);
@@ -176,6 +178,7 @@ class BasketCheck {
   _tagFSBSKINFO m_listed;  // as the catalogue was first read
   _tagFSBSKINFO m_record;  // read again after the index and the data head
   const _tagIDXHDR* m_rest;
+  const SYSTEMTIME* m_restFirst;  // the basket's start when it was at rest
   std::string m_cin, m_cdt, m_cta;
   const std::string m_cft = kCatalogPath;
   Report* m_report = nullptr;
@@ -220,7 +223,10 @@ bool BasketCheck::Opened(ReadOnlyFile* file, const std::string& path) {
 
 bool BasketCheck::Run(Report* report) {
   m_report = report;
-  ReadCatalogue(m_n, &m_before, nullptr);
+  // The record before as well: a cycle that came and went while the files
+  // were read can leave heads that look the same, but not the same start.
+  _tagFSBSKINFO recordBefore{};
+  if (!ReadCatalogue(m_n, &m_before, &recordBefore)) recordBefore = m_listed;
   Opened(&m_index, m_cin);
   Opened(&m_data, m_cdt);
   Opened(&m_table, m_cta);
@@ -252,8 +258,12 @@ bool BasketCheck::Run(Report* report) {
   _tagIDXHDR again{};
   const bool indexStill = !m_haveHeader || (m_index.Read(0, &again, sizeof again) &&
                                             std::memcmp(&again, &m_header, sizeof again) == 0);
-  const bool rested = m_rest == nullptr || std::memcmp(m_rest, &m_header, sizeof m_header) == 0;
+  const SYSTEMTIME firstBefore = recordBefore.stFirst, firstAfter = m_record.stFirst;
+  const bool rested =
+      m_rest == nullptr || (std::memcmp(m_rest, &m_header, sizeof m_header) == 0 &&
+                            std::memcmp(m_restFirst, &firstAfter, sizeof firstAfter) == 0);
   return indexStill && rested && m_before == m_after &&
+         std::memcmp(&firstBefore, &firstAfter, sizeof firstBefore) == 0 &&
          std::strncmp(m_record.szPath, m_listed.szPath, sizeof m_record.szPath - 1) == 0;
 }
 
@@ -766,26 +776,30 @@ void BasketCheck::CheckDaysHaveChunks() {
 
 void VerifyBasket(DWORD number, const _tagFSBSKINFO& listed, std::vector<Finding>* findings) {
   _tagIDXHDR rest{};
+  SYSTEMTIME restFirst{};
   bool atRest = false;
   for (int attempt = 1;; ++attempt) {
     Report report;
-    BasketCheck check(number, listed, atRest ? &rest : nullptr);
+    BasketCheck check(number, listed, atRest ? &rest : nullptr, atRest ? &restFirst : nullptr);
     const bool still = check.Run(&report);
     const bool last = attempt == kAttempts;
     if (!atRest && still && check.Live() && !last) {
       // The recorder's basket held still while it was read. If it still
       // does after a pause, no save is under way: it is judged as at rest.
       rest = check.Header();
+      restFirst = check.First();
       atRest = true;
       platform::Sleep(kRestMs);
       continue;
     }
     // What was read while a save or a rollover moved the files is read
-    // again; what holds still, or stays, is a fault.
-    if (report.Empty() || still || last) {
+    // again; what holds still, or stays, is a fault. A basket that moved
+    // under every reading was never seen whole: nothing can be said of it.
+    if (report.Empty() || still) {
       for (Finding& f : report.Take()) findings->push_back(std::move(f));
       return;
     }
+    if (last) return;
     atRest = false;
     platform::Sleep(1u << attempt);
   }

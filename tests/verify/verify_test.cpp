@@ -241,8 +241,13 @@ TEST_F(VerifyTest, AStoreThatIsBeingRecordedShowsNoFault) {
   ASSERT_NO_FATAL_FAILURE(Make(3));
   std::atomic<bool> stop{false};
   std::thread recording([&] {
-    for (int i = 0; i < 70000 && !stop; ++i) {
-      if (i % 250 == 249) NextBasket();  // rollovers all the while
+    for (int i = 0, since = 0, rolls = 0; i < 70000 && !stop; ++i) {
+      // Rollovers all the while, no two cycles of a basket alike.
+      if (++since == 240 + rolls % 20) {
+        NextBasket();
+        since = 0;
+        ++rolls;
+      }
       const SYSTEMTIME t = At(static_cast<WORD>(3 + i / 3600), static_cast<WORD>(i / 60 % 60),
                               static_cast<WORD>(i % 60), static_cast<WORD>(i * 37 % 1000));
       _tagCHUNKHDR chunk{1,
