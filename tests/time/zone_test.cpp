@@ -202,6 +202,7 @@ TEST_F(ZoneTest, StoredBiasIsReadFromTheZoneFile) {
   EXPECT_EQ(read(std::string("\xAA\xBB\xCC", 3)), 0x11CCBBAAu);  // only the bytes there
   EXPECT_EQ(zone.DaylightBias, 7);
   EXPECT_EQ(read(std::string("\x01\r\n\x02\x03", 5)), 0x03020A01u);  // a text stream: CR LF is LF
+  EXPECT_EQ(read(std::string("\x05\x1A\x06\x07", 4)), 0x03020A05u);  // and ends at Ctrl-Z
 }
 
 }  // namespace

@@ -167,6 +167,8 @@ const Fault kFaults[] = {
      kCft, RecordAt(2) + 120},
     {"record whose stFirst lies after stLast", [](P p) { Poke(p.cft, RecordAt(2) + 84, "\xDB"); },
      kCft, RecordAt(2) + 84},
+    {"record flags beyond bit 0", [](P p) { Poke(p.cft, RecordAt(2) + 124, Word(3)); }, kCft,
+     RecordAt(2) + 124},
     {"day file with a bad row", [](P p) { Poke(p.day, 3 * 25, "\x09"); }, kDay, 75},
     {"day file with a '0' hour byte", [](P p) { Poke(p.day, 26, "0"); }, kDay, 26},
 };
