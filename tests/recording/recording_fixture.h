@@ -1,0 +1,88 @@
+// A store of baskets on drive D, open to record, and its files read back
+// as bytes, records and index keys.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "index/fs_index.h"
+#include "store/store_probe.h"
+
+namespace molra_test {
+
+constexpr size_t kHead = sizeof(_tagFSHDR), kRec = sizeof(_tagFSBSKINFO);
+constexpr size_t kDay = sizeof(_tagFSBSKTBL);
+constexpr size_t kFirstAt = 84, kDaysAt = 116;  // stFirst and dwDays in a record
+
+template <typename T>
+T Get(const Bytes& b, size_t at) {
+  T v{};
+  if (at < b.size()) std::memcpy(&v, &b[at], std::min(sizeof v, b.size() - at));
+  return v;
+}
+template <typename T>
+void Put(Bytes* b, size_t at, const T& v) {
+  b->replace(at, sizeof v, reinterpret_cast<const char*>(&v), sizeof v);
+}
+
+inline SYSTEMTIME On(WORD day, WORD hour, WORD minute = 0, WORD second = 0, WORD ms = 0) {
+  return SYSTEMTIME{2010, 11, 0, day, hour, minute, second, ms};
+}
+
+class Recorder : public StoreProbe {
+ public:
+  using CMOLRA::m_DataHdr, CMOLRA::m_FsHdr;
+};
+
+class RecordingTest : public StoreTest {
+ protected:
+  void TearDown() override {
+    rec.CloseFS();
+    StoreTest::TearDown();
+  }
+  void Make(LONG baskets) {
+    _tagBSKLOC loc{3, baskets};
+    ASSERT_EQ(rec.CreateFS(&loc, 1), FS_OK);
+    ASSERT_EQ(rec.OpenFS(0), FS_OK);
+  }
+  LONG Save(int channel, const SYSTEMTIME& t, DWORD info = 0x00010000, DWORD length = 8,
+            DWORD* remaining = nullptr) {
+    _tagCHUNKHDR h{0xA5, t, {}, static_cast<signed char>(channel), info, length};
+    std::vector<BYTE> payload(length, static_cast<BYTE>('a' + channel));
+    DWORD ignored = 0;
+    return rec.SaveData(&h, payload.data(), remaining ? remaining : &ignored, 0);
+  }
+  void Fill() { rec.Basket(rec.m_FsHdr.dwCurrent)->dwChunks = 70001; }  // the next save rolls over
+
+  static std::string Name(int n) { return "D:\\MOLRA\\FS00000" + std::to_string(n); }
+  std::string Path(int n, const char* ext) const {
+    return Real('d', "MOLRA/FS00000" + std::to_string(n) + ext);
+  }
+  Bytes Rec(int n) const { return Catalogue().substr(kHead + n * kRec, kRec); }
+  _tagFSBSKINFO RecordOnDisk(int n) const { return Get<_tagFSBSKINFO>(Rec(n), 0); }
+  std::vector<Bytes> Files(int n) const {
+    return {Catalogue(), ReadAll(Path(n, ".CIN")), ReadAll(Path(n, ".CTA"))};
+  }
+  std::vector<std::pair<std::string, _tagIDXREF>> Index(int n) const {
+    std::vector<std::pair<std::string, _tagIDXREF>> entries;
+    molra::detail::CFsIndex index;
+    char key[20];
+    _tagIDXREF ref{};
+    if (!index.Open((Name(n) + ".CIN").c_str(), 2, 0)) return entries;
+    for (int ok = index.First(key, &ref); ok; ok = index.Next(key, &ref))
+      entries.emplace_back(std::string(key, 20), ref);
+    return entries;
+  }
+  std::vector<std::string> Keys(int n) const {
+    std::vector<std::string> keys;
+    for (const auto& entry : Index(n)) keys.push_back(entry.first);
+    return keys;
+  }
+
+  Recorder rec;
+};
+
+}  // namespace molra_test
