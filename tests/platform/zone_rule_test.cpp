@@ -1,13 +1,10 @@
 // Zone rules into the recurring zone record, and the rule ending a zone file.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <sstream>
 #include <vector>
 
-#include "platform/clock.h"
 #include "platform/posix_zone_rule.h"
 
 namespace {
@@ -59,55 +56,6 @@ TEST(ZoneRuleTest, RulesFillTheWholeRecord) {
     EXPECT_EQ(row.zone, Summary(zone)) << row.rule;
     EXPECT_TRUE(*row.note ? note.find(row.note) != std::string::npos : note.empty()) << note;
   }
-}
-
-#ifndef _WIN32
-// Where the store puts a change of the record in `year`, in UTC seconds.
-std::int64_t StoreChangeUtc(const SYSTEMTIME& date, int year, LONG biasMinutes) {
-  const std::int64_t first = platform::DayNumber(year, date.wMonth, 1);
-  const int weekday = platform::UnixMillisToStamp(first * 86400000).wDayOfWeek;
-  const std::int64_t next = platform::DayNumber(year + date.wMonth / 12, date.wMonth % 12 + 1, 1);
-  std::int64_t day = first + (7 - weekday) % 7 + 7 * (date.wDay - 1);
-  while (day >= next) day -= 7;
-  return day * 86400 + date.wHour * 3600 + biasMinutes * 60;
-}
-
-bool IsDaylight(std::int64_t utc) {
-  const std::time_t t = static_cast<std::time_t>(utc);
-  std::tm local{};
-  return localtime_r(&t, &local) != nullptr && local.tm_isdst > 0;
-}
-#endif
-
-// The C library, reading the same rule, changes where the record says
-// (later by the minutes a record cannot hold).
-TEST(ZoneRuleTest, ChangesMatchTheCLibraryYearByYear) {
-#ifdef _WIN32
-  GTEST_SKIP() << "the C library of Windows reads no POSIX zone rules";
-#else
-  const struct { const char* rule; int lateMinutes; } rows[] = {
-      {"EST5EDT,M3.2.0,M11.1.0", 0}, {"AEST-10AEDT,M10.1.0,M4.1.0/3", 0},
-      {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 0}, {"IST-2IDT,M3.4.4/26,M10.5.0", 0},
-      {"<+0330>-3:30<+0430>,J79/24,J263/24", 0}, {"<-03>3<-02>,M3.5.0/-2,M10.5.0/-1", 0},
-      {"<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45", 45}};
-  const char* saved = std::getenv("TZ");
-  const std::string savedTz = saved ? saved : "";
-  for (const auto& row : rows) {
-    setenv("TZ", row.rule, 1);
-    tzset();
-    for (int year = 2020; year <= 2032; ++year) {
-      TIME_ZONE_INFORMATION z;
-      ASSERT_TRUE(platform::ParsePosixZoneRule(row.rule, year, &z, nullptr));
-      const std::int64_t late = row.lateMinutes * 60;
-      const std::int64_t start = StoreChangeUtc(z.DaylightDate, year, z.Bias) + late;
-      const std::int64_t end = StoreChangeUtc(z.StandardDate, year, z.Bias + z.DaylightBias) + late;
-      EXPECT_TRUE(!IsDaylight(start - 1) && IsDaylight(start)) << row.rule << " " << year;
-      EXPECT_TRUE(IsDaylight(end - 1) && !IsDaylight(end)) << row.rule << " " << year;
-    }
-  }
-  saved ? setenv("TZ", savedTz.c_str(), 1) : unsetenv("TZ");
-  tzset();
-#endif
 }
 
 TEST(ZoneRuleTest, NoWholeRuleLeavesTheRecordAlone) {

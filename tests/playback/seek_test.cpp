@@ -25,12 +25,9 @@ TEST_F(SeekTest, FindsExactMinutesAndSecondsOnly) {
   Play();
 
   EXPECT_EQ(Seek(-1, At(10, 5, 0), false), "c1 10:05:07");  // the minute's earliest, its true second
-  EXPECT_EQ(player.readings, 1);
-  const SYSTEMTIME last = player.m_stLastRead;
-  EXPECT_EQ(last.wMilliseconds, 100);
+  EXPECT_EQ(std::make_pair(player.readings, +player.m_stLastRead.wMilliseconds), std::make_pair(1, 100));
   EXPECT_EQ(Seek(-1, At(10, 5, 9), true), "c3 10:05:09");
-  EXPECT_EQ(player.m_ChanHits[3], 1);
-  EXPECT_EQ(player.m_ChanHits[1], 0);
+  EXPECT_EQ(std::make_pair(+player.m_ChanHits[3], +player.m_ChanHits[1]), std::make_pair(1, 0));
   // Between recordings: no nearest chunk is offered.
   EXPECT_EQ(Seek(-1, At(10, 5, 8), true), "#6");
   EXPECT_EQ(Seek(-1, At(10, 8, 0), false), "#6");
@@ -39,30 +36,24 @@ TEST_F(SeekTest, FindsExactMinutesAndSecondsOnly) {
   EXPECT_EQ(Seek(3, At(10, 6, 0), false), "c3 00:00:10");
   EXPECT_EQ(Seek(7, At(10, 5, 0), false), "#6");  // the next basket holds only the next day
 
-  // Local time: second 0 asks for the minute, any other for the second.
-  _tagCHUNKHDR h{};
-  h.stTime = At(10, 5, 0);
-  h.chChannel = -1;
-  ASSERT_EQ(player.ReadData(&h, payload.data(), 1), FS_OK);
-  EXPECT_EQ(+h.stTime.wSecond, 7);
-  h.stTime = At(10, 5, 9);
-  h.chChannel = -1;
-  ASSERT_EQ(player.ReadData(&h, payload.data(), 1), FS_OK);
-  EXPECT_EQ(h.chChannel, 3);
-  // An hour ahead of UTC: the stamp goes there and back, but not after a failure.
+  // Local time: second 0 asks for the minute, any other for the second. An
+  // hour ahead of UTC the stamp goes there and back, but not after a failure.
+  const auto local = [this](Player& p, const SYSTEMTIME& t) {
+    _tagCHUNKHDR h{};
+    h.stTime = t;
+    h.chChannel = -1;
+    const LONG r = p.ReadData(&h, payload.data(), 1);
+    return std::to_string(r) + Brief(FS_OK, h);
+  };
+  EXPECT_EQ(local(player, At(10, 5, 0)), "0c1 10:05:07");
+  EXPECT_EQ(local(player, At(10, 5, 9)), "0c3 10:05:09");
   TIME_ZONE_INFORMATION ahead{};
   ahead.Bias = -60;
   molra::platform::SetTimeZone(&ahead);
-  Player local;
-  ASSERT_EQ(local.OpenFS(1), FS_OK);
-  h.stTime = At(11, 5, 9);
-  h.chChannel = -1;
-  ASSERT_EQ(local.ReadData(&h, payload.data(), 1), FS_OK);
-  EXPECT_EQ(+h.stTime.wHour, 11);
-  EXPECT_EQ(h.chChannel, 3);
-  h.stTime = At(11, 5, 8);
-  EXPECT_EQ(local.ReadData(&h, payload.data(), 1), FS_ERR_FILE);
-  EXPECT_EQ(+h.stTime.wHour, 10);
+  Player later;
+  ASSERT_EQ(later.OpenFS(1), FS_OK);
+  EXPECT_EQ(local(later, At(11, 5, 9)), "0c3 11:05:09");
+  EXPECT_EQ(local(later, At(11, 5, 8)), std::to_string(FS_ERR_FILE) + "c-1 10:05:08");
 }
 
 TEST_F(SeekTest, SharedMinuteIsPlayedFromTheOlderBasketSharedSecondFromTheCurrent) {

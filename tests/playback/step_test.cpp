@@ -146,24 +146,17 @@ TEST_F(StepTest, AFailedSeekLeavesTheReaderOnTheLastNodeItHandedOut) {
 // Runs `work` with a recorder of its own in a child process (on Windows,
 // with no fork, in this one).
 bool InAnotherProcess(void (*work)(Player&)) {
+  const auto run = [work] {
+    Player recorder;
+    if (recorder.OpenFS(0) != FS_OK) return false;
+    work(recorder);
+    return true;
+  };
 #ifdef _WIN32
-  Player recorder;
-  if (recorder.OpenFS(0) != FS_OK) return false;
-  work(recorder);
-  return true;
+  return run();
 #else
   const pid_t pid = ::fork();
-  if (pid == 0) {
-    int status = 1;
-    {
-      Player recorder;
-      if (recorder.OpenFS(0) == FS_OK) {
-        work(recorder);
-        status = 0;
-      }
-    }
-    ::_exit(status);
-  }
+  if (pid == 0) ::_exit(run() ? 0 : 1);
   int status = -1;
   return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
          WEXITSTATUS(status) == 0;

@@ -8,37 +8,27 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "index/fs_index.h"
 #include "platform/fault_injection.h"
-#include "store/store_probe.h"
+#include "recording/recording_fixture.h"
 
 using molra::detail::CFsIndex;
 
 namespace molra_test {
 namespace {
 
-constexpr size_t kHead = sizeof(_tagFSHDR), kRec = sizeof(_tagFSBSKINFO);
-constexpr size_t kDay = sizeof(_tagFSBSKTBL);
-constexpr size_t kFirstAt = 84, kDaysAt = 116;  // stFirst and dwDays in a record
-
-template <typename T>
-T Get(const Bytes& b, size_t at) {
-  T v{};
-  if (at + sizeof v <= b.size()) std::memcpy(&v, b.data() + at, sizeof v);
-  return v;
-}
-template <typename T>
-void Put(Bytes* b, size_t at, const T& v) {
-  b->replace(at, sizeof v, reinterpret_cast<const char*>(&v), sizeof v);
-}
-
 const auto kNamed = [](const auto& info) { return std::string(info.param.name); };
+
+// A chunk on 2010-11-day; day 0 sends the next chunk to the next basket.
+struct Chunk {
+  WORD day, hour = 1, ms = 0;  // ms 0: one of the test's own, so that the keys' sequence stays 0
+  int channel = 0;
+  WORD weekday = 0;
+};
 
 // Holds the current basket open for playback in another process (on
 // Windows, with no fork, in this one).
@@ -67,44 +57,21 @@ struct ChildPlayer {
 };
 #endif
 
-// A chunk on 2010-11-day; day 0 sends the next chunk to the next basket.
-struct Chunk {
-  WORD day, hour = 1, ms = 0;  // ms 0: one of the test's own, so that the keys' sequence stays 0
-  int channel = 0;
-  WORD weekday = 0;
-};
-
-class ReclaimTest : public StoreTest {
+class ReclaimTest : public RecordingTest {
  protected:
   // `baskets` on drive D:, recorded into by `rec`.
   void Make(LONG baskets, const std::vector<Chunk>& chunks) {
-    _tagBSKLOC loc{3, baskets};
-    ASSERT_EQ(rec.CreateFS(&loc, 1), FS_OK);
-    ASSERT_EQ(rec.OpenFS(0), FS_OK);
+    ASSERT_NO_FATAL_FAILURE(RecordingTest::Make(baskets));
     for (const Chunk& c : chunks) ASSERT_NO_FATAL_FAILURE(Save(c));
   }
   void Save(const Chunk& c) {
-    if (c.day == 0) {
-      rec.Basket(rec.GetFSInfo()->dwCurrent)->dwChunks = 70001;
-      return;
-    }
+    if (c.day == 0) return Fill();
     const SYSTEMTIME t{2010, 11, c.weekday, c.day, c.hour, 0, 0, c.ms ? c.ms : ++m_ms};
-    _tagCHUNKHDR h{0xA5, t, {}, static_cast<signed char>(c.channel), 0x00010000, 4};
-    BYTE payload[4] = {};
-    DWORD rest = 0;
-    ASSERT_EQ(rec.SaveData(&h, payload, &rest, 0), FS_OK);
+    ASSERT_EQ(RecordingTest::Save(c.channel, t, 0x00010000, 4), FS_OK);
   }
-  static std::string Name(int n) { return "D:\\MOLRA\\FS00000" + std::to_string(n); }
-  std::string Path(int n, const char* ext) const {
-    return Real('d', "MOLRA/FS00000" + std::to_string(n) + ext);
-  }
-  Bytes Rec(int n) const { return Catalogue().substr(kHead + n * kRec, kRec); }
   std::vector<DWORD> IndexHead(int n) const {  // dwFirst, dwCount
     const _tagIDXHDR h = Get<_tagIDXHDR>(ReadAll(Path(n, ".CIN"), 28), 0);
     return {h.dwFirst, h.dwCount};
-  }
-  std::vector<Bytes> Files(int n) const {
-    return {Catalogue(), ReadAll(Path(n, ".CIN")), ReadAll(Path(n, ".CTA"))};
   }
   // Ages with an object of its own, as the host's housekeeping would.
   int Age(unsigned days, _tagFSBSKINFO* info = nullptr, DWORD oldest = 0) {
@@ -115,7 +82,6 @@ class ReclaimTest : public StoreTest {
     return ager.GetOldestBasketInfoAndBasketControl(days, info ? info : &scratch);
   }
 
-  StoreProbe rec;
   WORD m_ms = 0;
 };
 

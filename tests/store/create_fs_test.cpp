@@ -105,14 +105,5 @@ TEST_F(CreateFsTest, FailedRequestsKeepTheCatalogueAndUndoTheirDataFiles) {
              {"D:\\MOLRA\\FS000001", "D:\\MOLRA\\FS000002", "E:\\MOLRA\\FS000003"});
 }
 
-TEST_F(CreateFsTest, CatalogueThatCannotBeWrittenKeepsTheBaskets) {
-  std::filesystem::create_directories(CataloguePath());  // nothing can open it as a file
-  StoreProbe store;
-  _tagBSKLOC one[] = {{3, 1}};
-  EXPECT_EQ(store.CreateFS(one, 1), FS_ERR_CATALOG);
-  EXPECT_TRUE(FileExists(Real('d', "MOLRA/FS000000.CDT")));
-  EXPECT_EQ(store.GetFSInfo()->dwBaskets, 1u);
-}
-
 }  // namespace
 }  // namespace molra_test

@@ -1,8 +1,8 @@
 // Opening the store, closing it and moving the open store between baskets.
 #include <climits>
 #include <cstring>
-#include <memory>
 #include <filesystem>
+#include <memory>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -189,18 +189,6 @@ TEST_F(OpenCloseTest, OpenBskThatFailsLeavesTheStoreUnusableUntilOpenFS) {
   }
   ASSERT_EQ(store.OpenFS(0), FS_OK);
   EXPECT_EQ(store.OpenBsk(1), FS_OK);
-}
-
-TEST_F(OpenCloseTest, CopiesKeepTheFilesOpenUntilTheLastGoes) {
-  auto original = std::make_unique<Store>();
-  ASSERT_EQ(original->OpenFS(0), FS_OK);
-  auto copy = std::make_unique<Store>(*original);
-  original.reset();
-  EXPECT_EQ(copy->Files(), "111");
-  ASSERT_EQ(copy->OpenBsk(1), FS_OK);
-  EXPECT_TRUE(Held(1));
-  copy.reset();
-  EXPECT_EQ(std::make_tuple(IndexOpen(1), Held(1)), std::make_tuple(0u, false));
 }
 
 }  // namespace

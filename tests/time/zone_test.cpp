@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "molra/molra.h"
@@ -52,8 +53,6 @@ std::string When(const CTime& t) {
          std::to_string(local.tm_hour);
 }
 
-struct Row { SYSTEMTIME from, to; };
-
 class ZoneTest : public molra_test::TempDrives {
  protected:
   std::unique_ptr<ZoneProbe> StoreIn(const TIME_ZONE_INFORMATION& zone) {
@@ -68,23 +67,35 @@ class ZoneTest : public molra_test::TempDrives {
     store.ChangeLocalToSystemTime(local, flag);
     return local;
   }
-  static void ExpectConversions(ZoneProbe& store, const std::vector<Row>& toUtc,
-                                const std::vector<Row>& toLocal) {
-    for (const Row& row : toUtc) EXPECT_STAMP(Utc(store, row.from), row.to) << Text(row.from);
-    for (const Row& row : toLocal) EXPECT_STAMP(Local(store, row.from), row.to) << Text(row.from);
-  }
 };
 
-TEST_F(ZoneTest, NorthernYearConvertsByTheWindowOfItsSundays) {
+// Stamps read to UTC and to local time: from, to.
+TEST_F(ZoneTest, ConversionsFollowTheDaylightWindowInBothHemispheres) {
+  using Rows = std::vector<std::pair<SYSTEMTIME, SYSTEMTIME>>;
+  const struct { TIME_ZONE_INFORMATION zone; Rows toUtc, toLocal; } zones[] = {
+      {kNorth,
+       {{At(3, 14, 1, 59), At(3, 14, 6, 59)}, {At(3, 14, 2, 30), At(3, 14, 7, 30)},
+        {At(3, 14, 3), At(3, 14, 7)}, {At(7, 1, 12), At(7, 1, 16)},
+        {At(11, 7, 1, 30), At(11, 7, 5, 30)}, {At(11, 7, 2), At(11, 7, 7)},
+        {At(7, 1, 12, 0, 2009), At(7, 1, 16, 0, 2009)}},  // another year, the same window
+       {{At(3, 14, 6, 59), At(3, 14, 1, 59)}, {At(3, 14, 7), At(3, 14, 3)},
+        {At(7, 1, 16), At(7, 1, 12)}, {At(11, 7, 5, 59), At(11, 7, 1, 59)},
+        {At(11, 7, 6), At(11, 7, 1)}, {At(1, 1, 1, 0, 2011), At(12, 31, 20)}}},
+      {kSouth,
+       {{At(1, 15, 12), At(1, 15, 1)}, {At(4, 4, 2, 59), At(4, 3, 15, 59)},
+        {At(4, 4, 3), At(4, 3, 17)}, {At(7, 1, 12), At(7, 1, 2)},
+        {At(10, 3, 2, 30), At(10, 2, 16, 30)}, {At(10, 3, 3), At(10, 2, 16)},
+        {At(11, 5, 12), At(11, 5, 1)}},
+       {{At(1, 15, 1), At(1, 15, 12)}, {At(4, 3, 15, 59), At(4, 4, 2, 59)},
+        {At(4, 3, 16), At(4, 4, 2)}, {At(7, 1, 2), At(7, 1, 12)},
+        {At(10, 2, 15, 59), At(10, 3, 1, 59)}, {At(10, 2, 16), At(10, 3, 3)},
+        {At(12, 31, 14), At(1, 1, 1, 0, 2011)}}}};
+  for (const auto& z : zones) {
+    auto store = StoreIn(z.zone);
+    for (const auto& [from, to] : z.toUtc) EXPECT_STAMP(Utc(*store, from), to) << Text(from);
+    for (const auto& [from, to] : z.toLocal) EXPECT_STAMP(Local(*store, from), to) << Text(from);
+  }
   auto store = StoreIn(kNorth);
-  ExpectConversions(*store,
-      {{At(3, 14, 1, 59), At(3, 14, 6, 59)}, {At(3, 14, 2, 30), At(3, 14, 7, 30)},
-       {At(3, 14, 3), At(3, 14, 7)}, {At(7, 1, 12), At(7, 1, 16)},
-       {At(11, 7, 1, 30), At(11, 7, 5, 30)}, {At(11, 7, 2), At(11, 7, 7)},
-       {At(7, 1, 12, 0, 2009), At(7, 1, 16, 0, 2009)}},  // another year, the same window
-      {{At(3, 14, 6, 59), At(3, 14, 1, 59)}, {At(3, 14, 7), At(3, 14, 3)},
-       {At(7, 1, 16), At(7, 1, 12)}, {At(11, 7, 5, 59), At(11, 7, 1, 59)},
-       {At(11, 7, 6), At(11, 7, 1)}, {At(1, 1, 1, 0, 2011), At(12, 31, 20)}});
   // Flag 0 reads standard time all year, but a chunk goes back with the window.
   EXPECT_STAMP(Utc(*store, At(11, 7, 1, 30), 0), At(11, 7, 6, 30));
   EXPECT_STAMP(Local(*store, At(7, 1, 16), 0), At(7, 1, 11));
@@ -102,22 +113,10 @@ TEST_F(ZoneTest, NorthernYearConvertsByTheWindowOfItsSundays) {
     const bool daylight = t >= StampToTime(At(3, 14, 7)) && t < StampToTime(At(11, 7, 6));
     EXPECT_EQ(store->GetIsDST(utc), daylight ? 1 : 0) << Text(utc);
   }
-}
-
-TEST_F(ZoneTest, SouthernWindowWrapsOverNewYear) {
-  auto store = StoreIn(kSouth);
-  ExpectConversions(*store,
-      {{At(1, 15, 12), At(1, 15, 1)}, {At(4, 4, 2, 59), At(4, 3, 15, 59)},
-       {At(4, 4, 3), At(4, 3, 17)}, {At(7, 1, 12), At(7, 1, 2)},
-       {At(10, 3, 2, 30), At(10, 2, 16, 30)}, {At(10, 3, 3), At(10, 2, 16)},
-       {At(11, 5, 12), At(11, 5, 1)}},
-      {{At(1, 15, 1), At(1, 15, 12)}, {At(4, 3, 15, 59), At(4, 4, 2, 59)},
-       {At(4, 3, 16), At(4, 4, 2)}, {At(7, 1, 2), At(7, 1, 12)},
-       {At(10, 2, 15, 59), At(10, 3, 1, 59)}, {At(10, 2, 16), At(10, 3, 3)},
-       {At(12, 31, 14), At(1, 1, 1, 0, 2011)}});
-  // Daylight time at both ends of the year and the winter between not; the next year neither.
+  // Southern daylight time at both ends of the year and the winter between not; the next year neither.
   const struct { int year, month, daylight; } days[] = {
       {2010, 1, 1}, {2010, 7, 0}, {2010, 12, 1}, {2011, 1, 0}};
+  store = StoreIn(kSouth);
   for (const auto& d : days) {
     EXPECT_EQ(store->CheckDST(CTime(d.year, d.month, 15, 12, 0, 0, -1), 0), d.daylight) << d.month;
   }

@@ -5,6 +5,7 @@
 // fault.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -27,11 +28,6 @@ constexpr DWORD Chunk(int i) { return 16 + (sizeof(_tagCHUNKHDR) + kLength) * i;
 constexpr DWORD Node(int i) { return 28 + 41 * i; }
 constexpr DWORD RecordAt(int n) { return 32 + 128 * n; }
 
-void Poke(const std::string& path, DWORD offset, const Bytes& bytes) {
-  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
-      .seekp(offset)
-      .write(bytes.data(), static_cast<long>(bytes.size()));
-}
 Bytes Word(DWORD value) { return Bytes(reinterpret_cast<const char*>(&value), sizeof value); }
 DWORD WordIn(const Bytes& bytes, size_t offset) {
   DWORD value = 0;
@@ -116,75 +112,73 @@ TEST_F(VerifyTest, AnIntactStoreHasNoFindingsAndIsOnlyRead) {
   EXPECT_TRUE(Files() == before);
 }
 
-// The real paths of the files that damage reaches.
-struct Paths {
-  std::string cin, cdt, cta, cft, day;
-};
-using P = const Paths&;
+// Damage to one file of basket 2, the catalogue or a day file: `bytes`
+// written at `at`; no bytes cut the file to `at` bytes, or with `at`
+// kGone remove it. A finding must name the file and `found`.
+constexpr DWORD kGone = 0xFFFFFFFF;
 struct Fault {
-  const char* name;
-  void (*harm)(P);
-  const char* file;  // the store's path of the file a finding must name
-  DWORD offset;
+  const char* file;
+  DWORD at;
+  Bytes bytes;
+  DWORD found;
 };
-
+// Basket 2's cells of channel 1 at 02:00, and the minute cell of channel 3
+// at 02:00, whose chunks carry event bit 0x02.
+constexpr DWORD kHourCell = 12 + (1 * 24 + 2) * 4;
+constexpr DWORD kMinuteCell = 1548 + (3 * 24 + 2) * 60 * 4;
 const char* const kCin = "D:\\MOLRA\\FS000002.CIN";
 const char* const kCdt = "D:\\MOLRA\\FS000002.CDT";
 const char* const kCta = "D:\\MOLRA\\FS000002.CTA";
 const char* const kCft = "C:\\FSDIR\\MOLRA.CFT";
 const char* const kDay = "C:\\FSDIR\\QS\\20101118.sti";
-// Basket 2's cells of channel 1 at 02:00, and the minute cell of channel 3
-// at 02:00, whose chunks carry event bit 0x02.
-constexpr DWORD kHourCell = 12 + (1 * 24 + 2) * 4;
-constexpr DWORD kMinuteCell = 1548 + (3 * 24 + 2) * 60 * 4;
 
 const Fault kFaults[] = {
-    {"lost index link", [](P p) { Poke(p.cin, Node(4) + 8, Word(0)); }, kCin, Node(4)},
-    {"zeroed index header", [](P p) { Poke(p.cin, 0, Bytes(28, '\0')); }, kCin, 0},
-    {"torn index node", [](P p) { Poke(p.cin, Node(7) + 30, "x?"); }, kCin, Node(7)},
-    {"index cut short", [](P p) { std::filesystem::resize_file(p.cin, Node(10) + 20); }, kCin,
-     Node(10)},
-    {"index count off", [](P p) { Poke(p.cin, 24, Word(7)); }, kCin, 24},
-    {"key out of order", [](P p) { Poke(p.cin, Node(5) + 21 + 8, "01"); }, kCin, Node(5)},
-    {"chunk header disagrees with its node", [](P p) { Poke(p.cdt, Chunk(3) + 21, "\x09"); }, kCdt,
-     Chunk(3)},
-    {"last chunks never written", [](P p) { Poke(p.cdt, Chunk(17), Bytes(3 * 38, '\0')); }, kCdt,
-     Chunk(17)},
-    {"chunk past the write position", [](P p) { Poke(p.cdt, 8, Word(Chunk(19))); }, kCdt, 8},
-    {"data head with a bad magic", [](P p) { Poke(p.cdt, 2, "MOLRO"); }, kCdt, 2},
-    {"write position out of the file", [](P p) { Poke(p.cdt, 8, Word(67108864 + 100)); }, kCdt, 8},
-    {"short data file", [](P p) { std::filesystem::resize_file(p.cdt, 1 << 20); }, kCdt, 1 << 20},
-    {"missing basket file", [](P p) { std::filesystem::remove(p.cta); }, kCta, 0},
-    {"presence cell missing for a node", [](P p) { Poke(p.cta, kHourCell, Word(0)); }, kCta,
-     kHourCell},
-    {"event bits missing from a cell", [](P p) { Poke(p.cta, kMinuteCell + 3, Bytes(1, '\0')); },
-     kCta, kMinuteCell},
-    {"zeroed 4 KiB page of a day table", [](P p) { Poke(p.cta, 0, Bytes(4096, '\0')); }, kCta, 0},
-    {"catalogue count past the records", [](P p) { Poke(p.cft, 8, Word(4)); }, kCft, 8},
-    {"dwCurrent out of range", [](P p) { Poke(p.cft, 12, Word(3)); }, kCft, 12},
-    {"dwOldest out of range", [](P p) { Poke(p.cft, 16, Word(9)); }, kCft, 16},
-    {"record whose chunk count disagrees", [](P p) { Poke(p.cft, RecordAt(2) + 120, Word(5)); },
-     kCft, RecordAt(2) + 120},
-    {"record whose stFirst lies after stLast", [](P p) { Poke(p.cft, RecordAt(2) + 84, "\xDB"); },
-     kCft, RecordAt(2) + 84},
-    {"record flags beyond bit 0", [](P p) { Poke(p.cft, RecordAt(2) + 124, Word(3)); }, kCft,
-     RecordAt(2) + 124},
-    {"day file with a bad row", [](P p) { Poke(p.day, 3 * 25, "\x09"); }, kDay, 75},
-    {"day file with a '0' hour byte", [](P p) { Poke(p.day, 26, "0"); }, kDay, 26},
+    {kCin, Node(4) + 8, Word(0), Node(4)},               // lost link
+    {kCin, 0, Bytes(28, '\0'), 0},                       // zeroed header
+    {kCin, Node(7) + 30, "x?", Node(7)},                 // torn node
+    {kCin, Node(10) + 20, "", Node(10)},                 // cut short
+    {kCin, 24, Word(7), 24},                             // count off
+    {kCin, Node(5) + 21 + 8, "01", Node(5)},             // key out of order
+    {kCdt, Chunk(3) + 21, "\x09", Chunk(3)},             // header disagrees with its node
+    {kCdt, Chunk(17), Bytes(3 * 38, '\0'), Chunk(17)},   // last chunks never written
+    {kCdt, 8, Word(Chunk(19)), 8},                       // chunk past the write position
+    {kCdt, 2, "MOLRO", 2},                               // bad magic
+    {kCdt, 8, Word(67108864 + 100), 8},                  // write position out of the file
+    {kCdt, 1 << 20, "", 1 << 20},                        // short data file
+    {kCta, kGone, "", 0},                                // missing basket file
+    {kCta, kHourCell, Word(0), kHourCell},               // hour cell missing for a node
+    {kCta, kMinuteCell + 3, Bytes(1, '\0'), kMinuteCell}, // event bits missing
+    {kCta, 0, Bytes(4096, '\0'), 0},                     // zeroed 4 KiB page
+    {kCft, 8, Word(4), 8},                               // count past the records
+    {kCft, 12, Word(3), 12},                             // dwCurrent past the list
+    {kCft, 16, Word(9), 16},                             // dwOldest past the list
+    {kCft, RecordAt(2) + 120, Word(5), RecordAt(2) + 120},  // chunk count disagrees
+    {kCft, RecordAt(2) + 84, "\xDB", RecordAt(2) + 84},     // stFirst after stLast
+    {kCft, RecordAt(2) + 124, Word(3), RecordAt(2) + 124},  // flags beyond bit 0
+    {kDay, 3 * 25, "\x09", 75},                          // bad row
+    {kDay, 26, "0", 26},                                 // a '0' hour byte
 };
 
 TEST_F(VerifyTest, EachKindOfDamageIsFoundInItsFile) {
   for (const Fault& d : kFaults) {
-    SCOPED_TRACE(d.name);
+    SCOPED_TRACE(testing::Message() << d.file << " at " << d.at);
     for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
     ASSERT_NO_FATAL_FAILURE(Fill());
-    d.harm(Paths{Real('d', "MOLRA/FS000002.CIN"), Real('d', "MOLRA/FS000002.CDT"),
-                 Real('d', "MOLRA/FS000002.CTA"), Real('c', "FSDIR/MOLRA.CFT"),
-                 Real('c', "FSDIR/QS/20101118.sti")});
+    std::string real = Real(d.file[0], d.file + 3);
+    std::replace(real.begin(), real.end(), '\\', '/');
+    if (d.at == kGone) {
+      std::filesystem::remove(real);
+    } else if (d.bytes.empty()) {
+      std::filesystem::resize_file(real, d.at);
+    } else {
+      std::fstream(real, std::ios::binary | std::ios::in | std::ios::out)
+          .seekp(d.at)
+          .write(d.bytes.data(), static_cast<long>(d.bytes.size()));
+    }
     std::vector<molra::Finding> findings;
     ASSERT_TRUE(molra::VerifyStore(&findings));
     bool found = false;
-    for (const molra::Finding& f : findings) found |= f.file == d.file && f.offset == d.offset;
+    for (const molra::Finding& f : findings) found |= f.file == d.file && f.offset == d.found;
     EXPECT_TRUE(found) << Describe(findings);
   }
 }
@@ -194,8 +188,7 @@ TEST_F(VerifyTest, EachKindOfDamageIsFoundInItsFile) {
 TEST_F(VerifyTest, ACutSaveLeavesOnlyWhatARecordingOpenRepairs) {
   for (const bool rollover : {false, true}) {
     for (DWORD cut = 1; cut <= 12; ++cut) {
-      SCOPED_TRACE(std::string(rollover ? "rollover, " : "") + "cut at write " +
-                   std::to_string(cut));
+      SCOPED_TRACE(testing::Message() << "rollover " << rollover << ", cut at write " << cut);
       for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
       ASSERT_NO_FATAL_FAILURE(Make(2));
       for (int i = 0; i < 15; ++i) {  // baskets 0, 1 and 0 again: a rollover meets a used one
@@ -209,9 +202,8 @@ TEST_F(VerifyTest, ACutSaveLeavesOnlyWhatARecordingOpenRepairs) {
         if (rollover) NextBasket();
         faults->CutPowerAtWrite(cut);
         _tagCHUNKHDR chunk{1, At(3, 0, 0), {}, 5, 0x02010000, kLength};
-        std::vector<BYTE> bytes(kLength);
         DWORD remaining = 0;
-        recorder.SaveData(&chunk, bytes.data(), &remaining, 0);
+        recorder.SaveData(&chunk, payload.data(), &remaining, 0);
         recorder.CloseFS();
       }
       std::vector<molra::Finding> findings;
@@ -252,15 +244,7 @@ TEST_F(VerifyTest, AStoreThatIsBeingRecordedShowsNoFault) {
       }
       const SYSTEMTIME t = At(static_cast<WORD>(3 + i / 3600), static_cast<WORD>(i / 60 % 60),
                               static_cast<WORD>(i % 60), static_cast<WORD>(i * 37 % 1000));
-      _tagCHUNKHDR chunk{1,
-                         t,
-                         {},
-                         static_cast<signed char>(i % 16),
-                         (i % 7 == 0 ? 0x01000000u << (i % 3) : 0u) | 0x10000u,
-                         kLength};
-      std::vector<BYTE> bytes = Payload(i % 16, t, kLength);
-      DWORD remaining = 0;
-      EXPECT_EQ(recorder.SaveData(&chunk, bytes.data(), &remaining, 0), FS_OK) << i;
+      SaveInfo(t, i % 16, (i % 7 == 0 ? 0x01000000u << (i % 3) : 0u) | 0x10000u);
       if (i % 400 == 0) recorder.SaveTimeWrite(t, static_cast<char>(i % 16));
     }
   });
