@@ -26,10 +26,8 @@ void Save(CMOLRA& recorder, Script& script, DWORD current) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-  const Input input = Begin(data, size);
-  Script script(input.script);
-  SetUpMachine(script);
-  LayOut(input, SYSTEMTIME{2010, 11, 4, 18, 0, 0, 0, 0});
+  Case run(data, size, kAskedDay);
+  Script& script = run.script;
 
   Host player;
   player.CallLoadFSinfo();

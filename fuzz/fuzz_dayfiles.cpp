@@ -26,12 +26,11 @@ SYSTEMTIME Day(Script& script, const SYSTEMTIME& asked) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
-  const Input input = Begin(data, size);
-  Script script(input.script);
-  SetUpMachine(script);
-  SYSTEMTIME asked = AddSeconds(SYSTEMTIME{2010, 11, 4, 18, 0, 0, 0, 0},
-                                static_cast<std::int8_t>(script.Byte()) * 86400LL);
-  LayOut(input, asked);
+  Case run(data, size);
+  Script& script = run.script;
+  const SYSTEMTIME asked =
+      AddSeconds(kAskedDay, static_cast<std::int8_t>(script.Byte()) * 86400LL);
+  LayOut(run.input, asked);
   Host store;
   char rows[16 * sizeof(_tagSTIROW)];
   for (int op = 0; op < kMaxOps && !script.Empty(); ++op) {

@@ -6,10 +6,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
   using namespace molra_fuzz;
-  const Input input = Begin(data, size);
-  Script script(input.script);
-  SetUpMachine(script);
-  LayOut(input, SYSTEMTIME{2010, 11, 4, 18, 0, 0, 0, 0});
+  Case run(data, size, kAskedDay);
+  Script& script = run.script;
   Host store;
   ExpectCode(store.OpenFS(1));
   Play(store, script, false);

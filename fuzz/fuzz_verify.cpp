@@ -7,10 +7,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
   using namespace molra_fuzz;
-  const Input input = Begin(data, size);
-  Script script(input.script);
-  SetUpMachine(script);
-  LayOut(input, SYSTEMTIME{2010, 11, 4, 18, 0, 0, 0, 0});
+  const Case run(data, size, kAskedDay);
   std::vector<molra::Finding> findings;
   Expect(molra::VerifyStore(&findings) || findings.empty(), "findings without a store");
   return 0;

@@ -83,6 +83,26 @@ void SetUpMachine(Script& script);
 // Writes the input's files into the machine; `day` names the day files.
 void LayOut(const Input& input, const SYSTEMTIME& day);
 
+// The day the targets ask around.
+constexpr SYSTEMTIME kAskedDay{2010, 11, 4, 18, 0, 0, 0, 0};
+
+// One input begun: its script, with the machine set up from its first
+// bytes; a `day` lays the store out for that day at once.
+class Case {
+ public:
+  Case(const std::uint8_t* data, size_t size) : input(Begin(data, size)), script(input.script) {
+    SetUpMachine(script);
+  }
+  Case(const std::uint8_t* data, size_t size, const SYSTEMTIME& day) : Case(data, size) {
+    LayOut(input, day);
+  }
+  Case(const Case&) = delete;
+  Case& operator=(const Case&) = delete;
+
+  const Input input;
+  Script script;
+};
+
 // Where the file of a slot lies once the catalogue is laid out.
 std::string SlotPath(unsigned slot, const SYSTEMTIME& day);
 

@@ -117,8 +117,15 @@ void Fill(const Chunk& c, std::vector<unsigned char>* payload) {
   }
 }
 
+// What a garbage chunk was, as far as the campaign can tell.
+enum Kind { kNeverSaved, kOfReusedBasket, kFlushed, kUnflushed, kKinds };
+const char* const kKindNames[kKinds] = {"never saved", "of a reused basket", "flushed",
+                                        "no flush covered"};
+
 struct Totals {
   long trials = 0, reopenFailures = 0, garbage = 0, stuck = 0, lostFlushed = 0, lostUnflushed = 0;
+  long kinds[kKinds] = {};
+  long beforeRepair = 0;  // garbage handed to a reader before any recorder reopened
 };
 
 class Trial {
@@ -144,7 +151,7 @@ class Trial {
   }
   void TakeFlushes(Store& recorder);
   // Compares a chunk handed out with what was saved; false for garbage.
-  bool Check(const _tagCHUNKHDR& h, const std::vector<unsigned char>& payload);
+  bool Check(const _tagCHUNKHDR& h, const std::vector<unsigned char>& payload, Kind* kind);
   void Note(const char* what, const _tagCHUNKHDR& h) {
     if (!m_verbose) return;
     const SYSTEMTIME t = h.stTime;
@@ -152,7 +159,7 @@ class Trial {
                  static_cast<unsigned long long>(m_seed), what, h.chChannel, t.wYear, t.wMonth,
                  t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds, h.dwLength);
   }
-  long Play(long* garbage);
+  long Play(Totals* totals, bool beforeRepair);
 
   std::mt19937_64 m_random;
   const std::uint64_t m_seed;
@@ -217,10 +224,12 @@ void Trial::TakeFlushes(Store& recorder) {
   if (currentData) m_chunks[last].covered |= m_chunks[last].saved;
 }
 
-bool Trial::Check(const _tagCHUNKHDR& got, const std::vector<unsigned char>& payload) {
+bool Trial::Check(const _tagCHUNKHDR& got, const std::vector<unsigned char>& payload,
+                  Kind* kind) {
   const auto it = m_byStamp.find(Millis(got.stTime));
   if (it == m_byStamp.end()) {
     Note("never saved", got);
+    *kind = kNeverSaved;
     return false;
   }
   Chunk& c = m_chunks[it->second];
@@ -233,6 +242,7 @@ bool Trial::Check(const _tagCHUNKHDR& got, const std::vector<unsigned char>& pay
          : c.covered  ? "differs though flushed"
                       : "differs",
          got);
+    *kind = c.expendable ? kOfReusedBasket : c.covered ? kFlushed : kUnflushed;
     if (m_verbose) {
       const auto* a = reinterpret_cast<const unsigned char*>(&want);
       const auto* b = reinterpret_cast<const unsigned char*>(&got);
@@ -254,18 +264,24 @@ bool Trial::Check(const _tagCHUNKHDR& got, const std::vector<unsigned char>& pay
   return true;
 }
 
-long Trial::Play(long* garbage) {
+// Plays everything back; a reader before the repair marks nothing seen.
+long Trial::Play(Totals* totals, bool beforeRepair) {
   Store player;
   if (player.OpenFS(1) != FS_OK) return 1;
+  std::vector<bool> seen;
+  for (const Chunk& c : m_chunks) seen.push_back(c.seen);
   std::vector<unsigned char> payload(molra::kMaxChunkLength);
   _tagCHUNKHDR h{};
   std::vector<std::uint64_t> bad;  // each garbage chunk counts once
   auto read = [&](LONG result) {
-    if (result == FS_OK && !Check(h, payload)) {
+    Kind kind = kKinds;
+    if (result == FS_OK && !Check(h, payload, &kind)) {
       const std::uint64_t ms = Millis(h.stTime);
       if (std::find(bad.begin(), bad.end(), ms) == bad.end()) {
         bad.push_back(ms);
-        ++*garbage;
+        ++totals->garbage;
+        ++totals->kinds[kind];
+        if (beforeRepair) ++totals->beforeRepair;
       }
     }
     return result;
@@ -351,6 +367,9 @@ long Trial::Play(long* garbage) {
     }
   }
   player.CloseFS();
+  if (beforeRepair) {
+    for (std::size_t i = 0; i < seen.size(); ++i) m_chunks[i].seen = seen[i];
+  }
   return 0;
 }
 
@@ -417,6 +436,8 @@ void Trial::Run(Totals* totals) {
     }
   }
 
+  // A player may open the store before any recorder has repaired it.
+  if (Below(2) == 0) totals->reopenFailures += Play(totals, true);
   {
     Store recorder;
     if (recorder.OpenFS(0) != FS_OK) {
@@ -444,9 +465,9 @@ void Trial::Run(Totals* totals) {
     }
     recorder.CloseFS();
   }
-  long garbage = 0;
-  totals->reopenFailures += Play(&garbage);
-  totals->garbage += garbage;
+  const long garbageBefore = totals->garbage;
+  totals->reopenFailures += Play(totals, false);
+  const long garbage = totals->garbage - garbageBefore;
   for (const Chunk& c : m_chunks) {
     if (!c.saved || c.seen || c.expendable) continue;
     if (c.covered) {
@@ -509,9 +530,19 @@ int main(int argc, char** argv) {
   Totals totals;
   for (long t = 0; t < trials; ++t) {
     // Each trial's seed alone replays it (--trials 1 --seed that).
+    const Totals before = totals;
     Trial(seed + static_cast<std::uint64_t>(t), dir / "store", cut, verbose).Run(&totals);
+    if (totals.reopenFailures != before.reopenFailures || totals.stuck != before.stuck ||
+        totals.lostFlushed != before.lostFlushed) {
+      std::fprintf(stderr, "seed %llu failed: see --trials 1 --seed %llu --verbose\n",
+                   static_cast<unsigned long long>(seed + t),
+                   static_cast<unsigned long long>(seed + t));
+    }
   }
   if (!verbose) fs::remove_all(dir);  // a verbose run keeps its last store
+  std::printf("garbage by kind:");
+  for (int k = 0; k < kKinds; ++k) std::printf(" %s %ld,", kKindNames[k], totals.kinds[k]);
+  std::printf(" handed out before a repair %ld\n", totals.beforeRepair);
   std::printf(
       "trials %ld, reopen failures %ld, garbage chunks %ld, stuck recorders %ld, lost before "
       "flush %ld, lost unflushed %ld\n",
