@@ -41,15 +41,15 @@ bool OnBoundary(DWORD offset) {
   return offset >= kRootOffset && (offset - kRootOffset) % kNodeSize == 0;
 }
 
-// A node as an insert writes it: a key of 20 digits, links to node
-// boundaries, the chunk of a channel inside the data file.
+// A node as an insert writes it: a key of 20 digits, a parent link to a
+// node boundary, the chunk of a channel inside the data file. Its child
+// links are written again by later inserts; one that a cut tore is
+// cleared with the other links out of the tree, and the node stays.
 bool Whole(const _tagIDXNODE& node, DWORD dataSize) {
   for (const char c : node.cKey) {
     if (c < '0' || c > '9') return false;
   }
-  for (const DWORD link : {node.dwParent, node.dwLeft, node.dwRight}) {
-    if (link != 0 && !OnBoundary(link)) return false;
-  }
+  if (node.dwParent != 0 && !OnBoundary(node.dwParent)) return false;
   const signed char channel = node.Ref.cChannel;
   const DWORD offset = node.Ref.dwOffset;
   return channel >= 0 && channel < static_cast<signed char>(molra::kChannels) &&
@@ -240,7 +240,8 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
         if (!believed) break;
         const bool left =
             (node.Ref.dwInfo & kTopBit) == 0 && CompareKey(node.cKey, up.cKey, -1) < 0;
-        if (Link(up, left) != 0) break;
+        const DWORD there = Link(up, left);
+        if (there != 0 && OnBoundary(there)) break;
         SetLink(&up, left, offset);
         dirty.resize(nodes.size(), 0);
         dirty[Slot(parent)] = 1;
@@ -250,7 +251,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
     kept = k + 1;
     for (const bool left : {true, false}) {
       const DWORD child = Link(node, left);
-      if (child > offset && child < At(limit) && linker[Slot(child)] == 0) {
+      if (child > offset && OnBoundary(child) && child < At(limit) && linker[Slot(child)] == 0) {
         linker[Slot(child)] = offset;
       }
     }
