@@ -533,7 +533,9 @@ int main(int argc, char** argv) {
     const Totals before = totals;
     Trial(seed + static_cast<std::uint64_t>(t), dir / "store", cut, verbose).Run(&totals);
     if (totals.reopenFailures != before.reopenFailures || totals.stuck != before.stuck ||
-        totals.lostFlushed != before.lostFlushed) {
+        totals.lostFlushed != before.lostFlushed ||
+        totals.kinds[kNeverSaved] != before.kinds[kNeverSaved] ||
+        totals.kinds[kFlushed] != before.kinds[kFlushed]) {
       std::fprintf(stderr, "seed %llu failed: see --trials 1 --seed %llu --verbose\n",
                    static_cast<unsigned long long>(seed + t),
                    static_cast<unsigned long long>(seed + t));
