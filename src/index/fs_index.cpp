@@ -132,7 +132,7 @@ int CFsIndex::TakeHeader(int reset) {
     // fresh header would cut every node off and let the next inserts
     // overwrite them. The tree is taken from its nodes, in memory only.
     molra::IndexRepair repair;
-    if (Check(nullptr, 0, false, &repair) && repair.kept != 0) {
+    if (Check(nullptr, 0, nullptr, &repair) && repair.kept != 0) {
       m_Hdr = repair.header;
       m_bRebuilt = true;
       return 1;

@@ -67,11 +67,12 @@ class CFsIndex : public CFsFile {
   // arrival, and works out what damage has broken; it writes nothing.
   // With `data` it also tests the chunks of the last nodes and, where
   // damage took nodes, enters again the chunks behind the last one that
-  // end exactly at `writePos`; `saved`: the basket's record counts chunks
-  // of this cycle, so an empty tree lost them too. Apply takes the repair
-  // into memory and, with `write`, into the file: nodes first, the header
-  // last.
-  int Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepair* repair);
+  // end exactly at `writePos`, in stamp order and inside the span of the
+  // basket's `record`. A record that counts chunks of this cycle says that
+  // an empty tree lost them too. Apply takes the repair into memory and,
+  // with `write`, into the file: nodes first, the header last.
+  int Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
+            molra::IndexRepair* repair);
   int Apply(const molra::IndexRepair& repair, bool write);
   // Open found a foreign header over nodes and rebuilt it in memory only.
   bool Rebuilt() const { return m_bRebuilt; }

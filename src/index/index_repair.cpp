@@ -171,7 +171,9 @@ DWORD Reach(const std::vector<_tagIDXNODE>& nodes, DWORD count, DWORD root) {
 
 }  // namespace
 
-int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepair* repair) {
+int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
+                    molra::IndexRepair* repair) {
+  const bool saved = record != nullptr && record->dwChunks != 0;
   molra::IndexRepair& r = *repair;
   r = molra::IndexRepair();
   if (!IsOpen()) return 0;
@@ -292,12 +294,18 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
 
   // Chunks whose nodes damage took are entered again, behind the last
   // node, when they run back to back from its chunk to the data head's
-  // write position exactly; anything less is not trusted.
+  // write position exactly, their stamps rising within the span that the
+  // basket's record gives (it is written after them); anything less is
+  // not trusted: a header that a cut tore can still run on.
   const bool sameNodes = r.lost == 0 && r.dropped == 0;
   const DWORD free = kRoomNodes - std::min(kRoomNodes, kept);
   const DWORD room = believed && !emptied ? std::min(r.lost + r.dropped, free) : free;
   if (data && room != 0 && writePos > r.chunkEnd && writePos <= dataSize) {
     std::vector<std::pair<DWORD, _tagCHUNKHDR>> found;
+    const bool spanned = record != nullptr && record->stLast.wYear != 0;
+    const molra::KeyText ceiling = spanned ? KeyOf(record->stLast, 0) : molra::KeyText{};
+    molra::KeyText floor = spanned ? KeyOf(record->stFirst, 0) : molra::KeyText{};
+    if (kept != 0) std::memcpy(floor.text, nodes[kept - 1].cKey, kStampChars);
     DWORD at = r.chunkEnd;
     while (at < writePos) {
       _tagCHUNKHDR chunk;
@@ -306,6 +314,12 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, bool saved, molra::IndexRepai
           writePos - at - kChunkHead < chunk.dwLength) {
         break;
       }
+      const molra::KeyText key = KeyOf(chunk.stTime, 0);
+      if (std::memcmp(key.text, floor.text, kStampChars) < 0 ||
+          (spanned && std::memcmp(key.text, ceiling.text, kStampChars) > 0)) {
+        break;
+      }
+      floor = key;
       found.emplace_back(at, chunk);
       at += kChunkHead + chunk.dwLength;
     }

@@ -38,7 +38,7 @@ void RecoverBasket(const _tagFSBSKINFO& basket, CFsIndex* index, CFsFile* data,
                    _tagDATAHDR* head) {
   IndexRepair repair;
   // An index that cannot be read is believed as it stands.
-  if (!index->Check(data, head->dwWritePos, basket.dwChunks != 0, &repair)) return;
+  if (!index->Check(data, head->dwWritePos, &basket, &repair)) return;
   const DWORD was = head->dwWritePos;
   // Saves go on exactly where the last chunk of the tree ends: a gap
   // would break the run of chunks that the next check follows.
@@ -90,7 +90,7 @@ void RecoverBasket(const _tagFSBSKINFO& basket, CFsIndex* index, CFsFile* data,
 void ReadRebuiltIndex(CFsIndex* index, CFsFile* data) {
   if (!index->Rebuilt()) return;
   IndexRepair repair;
-  if (index->Check(data, 0, false, &repair)) index->Apply(repair, false);
+  if (index->Check(data, 0, nullptr, &repair)) index->Apply(repair, false);
 }
 
 }  // namespace molra

@@ -331,7 +331,7 @@ void BasketCheck::CheckIndex() {
   const _tagIDXHDR h = m_header;
   if (h.cMagic[0] != 'Y' || h.cMagic[1] != 'K' || h.wVersion != 256) {
     IndexRepair rebuilt;
-    if (!SnapshotIndex(m_indexBytes, h).Check(nullptr, 0, false, &rebuilt)) rebuilt.kept = 0;
+    if (!SnapshotIndex(m_indexBytes, h).Check(nullptr, 0, nullptr, &rebuilt)) rebuilt.kept = 0;
     // The zero head of an index as made: its first open writes a header.
     const DWORD chunks = m_record.dwChunks;
     if (rebuilt.kept == 0 && chunks == 0) return;
@@ -380,7 +380,7 @@ void BasketCheck::CheckIndex() {
       }
     }
   }
-  if (!SnapshotIndex(m_indexBytes, h).Check(nullptr, 0, false, &m_repair)) return;
+  if (!SnapshotIndex(m_indexBytes, h).Check(nullptr, 0, nullptr, &m_repair)) return;
   m_nodes.resize(m_repair.kept);
   if (!m_nodes.empty()) {
     std::memcpy(m_nodes.data(), m_indexBytes.data() + kRootOffset, m_nodes.size() * kNodeSize);
