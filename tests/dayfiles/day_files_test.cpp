@@ -19,23 +19,18 @@ namespace {
 
 namespace platform = molra::platform;
 namespace fs = std::filesystem;
+using platform::Access;
 
 SYSTEMTIME At(WORD month, WORD day, WORD hour = 0, WORD minute = 0, WORD year = 2010) {
   return SYSTEMTIME{year, month, 0, day, hour, minute, 0, 0};
 }
 
-// A bias, with or without the northern daylight rule (second Sunday of
-// March to first Sunday of November, at 2:00).
-TIME_ZONE_INFORMATION Zone(LONG bias, bool north = false) {
-  const SYSTEMTIME none{}, daylight{0, 3, 0, 2, 2, 0, 0, 0}, standard{0, 11, 0, 1, 2, 0, 0, 0};
-  return {bias, {}, north ? standard : none, 0, {}, north ? daylight : none, north ? -60 : 0};
-}
-
-// Sixteen rows, row r holding r and 24 hours of `hour`: a day file as laid
-// out (0), or memory after SaveTimeSet(1, -1) ('0').
-Bytes Rows(char hour = 0) {
+// Sixteen rows of a channel byte and 24 hour bytes: a day file as laid out
+// (0), or memory after SaveTimeSet(1, -1) ('0'); the hours marked set to 0x31.
+Bytes Rows(char hour = 0, std::vector<std::pair<int, int>> marked = {}) {
   Bytes bytes(400, hour);
   for (int r = 0; r < 16; ++r) bytes[r * 25] = static_cast<char>(r);
+  for (const auto& [channel, h] : marked) bytes[channel * 25 + 1 + h] = 0x31;
   return bytes;
 }
 
@@ -57,10 +52,12 @@ class DayFileTest : public TempDrives {
     TempDrives::SetUp();
     fs::create_directories(Real('c', "FSDIR"));  // the store's own directory
   }
-  // Clock and zone, both before the store is made.
-  void Now(const SYSTEMTIME& utc, const TIME_ZONE_INFORMATION& zone) {
-    m_clock = utc;
-    platform::SetClock(&m_clock);
+  // A bias, with or without the northern daylight rule (second Sunday of
+  // March to first Sunday of November, at 2:00); set before the store is made.
+  static void InZone(LONG bias, bool north = false) {
+    const SYSTEMTIME none{}, daylight{0, 3, 0, 2, 2, 0, 0, 0}, standard{0, 11, 0, 1, 2, 0, 0, 0};
+    const TIME_ZONE_INFORMATION zone{bias,          {}, north ? standard : none, 0,
+                                     {},            north ? daylight : none,    north ? -60 : 0};
     platform::SetTimeZone(&zone);
   }
   std::string Day(const SYSTEMTIME& st) const {
@@ -75,7 +72,7 @@ class DayFileTest : public TempDrives {
   }
   static void Put(const std::string& path, const Bytes& bytes) {
     fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<long>(bytes.size()));
+    std::ofstream(path, std::ios::binary) << bytes;
   }
   static void Written(const std::string& path, const SYSTEMTIME& utc) {
     Put(path, "x");
@@ -84,7 +81,9 @@ class DayFileTest : public TempDrives {
 };
 
 TEST_F(DayFileTest, FirstMarkLaysOutTheLocalMonthFromTodayAndLaterMarksOneByte) {
-  Now(At(11, 17, 20), Zone(-540));  // 18 November, 05:00 local
+  m_clock = At(11, 17, 20);  // 18 November, 05:00 local
+  platform::SetClock(&m_clock);
+  InZone(-540);
   Probe store;
   store.FirstBasketFrom(At(6, 20));
   Written(Day(At(5, 1)), At(5, 1));
@@ -95,10 +94,8 @@ TEST_F(DayFileTest, FirstMarkLaysOutTheLocalMonthFromTodayAndLaterMarksOneByte) 
   EXPECT_EQ(Memory(store), Rows());
   EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5, 40), 3), 1);
   EXPECT_EQ(store.SaveTimeWriteEx(At(11, 18, 23), 15), 1);
-  Bytes marked = Rows();
-  marked[3 * 25 + 1 + 5] = marked[15 * 25 + 1 + 23] = 0x31;
-  EXPECT_EQ(ReadAll(Today()), marked);
-  EXPECT_EQ(Memory(store), marked);
+  EXPECT_EQ(ReadAll(Today()), Rows(0, {{3, 5}, {15, 23}}));
+  EXPECT_EQ(Memory(store), Rows(0, {{3, 5}, {15, 23}}));
   // Today's file gone, in a month laid out: made empty, with memory and old
   // files left alone.
   fs::remove(Today());
@@ -106,7 +103,7 @@ TEST_F(DayFileTest, FirstMarkLaysOutTheLocalMonthFromTodayAndLaterMarksOneByte) 
   store.SaveTimeSet(1, -1);
   EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5), 3), 1);
   EXPECT_EQ(ReadAll(Today()), Bytes(81, 0) + "\x31");
-  EXPECT_EQ(Memory(store), Rows('0').replace(81, 1, "\x31"));
+  EXPECT_EQ(Memory(store), Rows('0', {{3, 5}}));
   EXPECT_EQ(Files(), 15u);
 }
 
@@ -117,7 +114,6 @@ TEST_F(DayFileTest, SaveTimeSetResetsNamedRowsAndNothingOutsideTheRowsIsTouched)
   EXPECT_EQ(store.SaveTimeSet(1, 15), 1);
   EXPECT_EQ(Memory(store), Bytes(375, 0) + Rows('0').substr(375));
   EXPECT_EQ(store.SaveTimeSet(1, -1), 1);
-  EXPECT_EQ(Memory(store), Rows('0'));
   for (const auto& [channel, hour] : {std::pair<char, WORD>{-1, 5}, {16, 5}, {3, 24}}) {
     EXPECT_EQ(store.SaveTimeWriteEx(At(11, 18, hour), channel), 0) << int{channel} << ' ' << hour;
   }
@@ -126,20 +122,21 @@ TEST_F(DayFileTest, SaveTimeSetResetsNamedRowsAndNothingOutsideTheRowsIsTouched)
   EXPECT_FALSE(fs::exists(Real('c', "FSDIR/QS")));
 }
 
+// A mark is refused while another reads the day file; a read, while
+// another may write it.
 TEST_F(DayFileTest, MarksAndReadsKeepOutOfEachOther) {
   CMOLRA store;
   ASSERT_EQ(store.InitSaveTime(), 1);
-  const auto open = [](platform::Access access, unsigned share) {
-    return platform::CurrentEnv()->OpenFile("C:\\FSDIR\\QS\\20101118.sti", access, share,
-                                            platform::Disposition::kOpenExisting);
-  };
-  auto other = open(platform::Access::kRead, platform::kShareRead);
-  ASSERT_TRUE(other);
-  EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5), 3), 0);
-  other.reset();
-  other = open(platform::Access::kReadWrite, platform::kShareReadWrite);
-  ASSERT_TRUE(other);
-  EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5), 3), 1);
+  std::unique_ptr<platform::File> other;  // held on for the reads below
+  for (const bool writer : {false, true}) {
+    other.reset();
+    other = platform::CurrentEnv()->OpenFile(
+        "C:\\FSDIR\\QS\\20101118.sti", writer ? Access::kReadWrite : Access::kRead,
+        writer ? platform::kShareReadWrite : platform::kShareRead,
+        platform::Disposition::kOpenExisting);
+    ASSERT_TRUE(other);
+    EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5), 3), writer ? 1 : 0);
+  }
   Bytes rows(400, 'x');
   EXPECT_EQ(store.SaveTimeReadEx(nullptr, At(11, 18), rows.data()), 0);
   EXPECT_EQ(store.SaveTimeLoad(At(11, 18)), 0);
@@ -155,7 +152,7 @@ TEST_F(DayFileTest, ARowThatFailsEndsTheLayoutButNotTheMark) {
 }
 
 TEST_F(DayFileTest, OldFilesGoByLastWriteBeforeTheFirstBasketsLocalMonth) {
-  Now(m_clock, Zone(-540));
+  InZone(-540);
   // Last written a minute before and at June 1 local, and long before,
   // whatever their names say.
   const std::pair<const char*, SYSTEMTIME> files[] = {{"20100615.sti", At(5, 31, 14, 59)},
@@ -169,8 +166,9 @@ TEST_F(DayFileTest, OldFilesGoByLastWriteBeforeTheFirstBasketsLocalMonth) {
     Probe store;
     if (month >= 0) store.FirstBasketFrom(At(static_cast<WORD>(month), 20, 13));
     store.DeleteOldQSFiles();
-    const bool gone[3] = {month == 6, false, month == 6};
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(FileExists(qs + files[i].first), !gone[i]) << i;
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(FileExists(qs + files[i].first), month != 6 || i == 1) << i;
+    }
     EXPECT_TRUE(FileExists(qs + "20100101.txt"));
   }
 }
@@ -180,7 +178,7 @@ TEST_F(DayFileTest, ReadsCopyWholeRowsOnlyAndTellTheHostWhyARowFailed) {
   platform::SetMessageBoxHook([&boxes](const char* text) { boxes.emplace_back(text); });
   CMOLRA store;
   store.SaveTimeSet(1, -1);
-  const Bytes file = Rows().replace(81, 1, "\x31");
+  const Bytes file = Rows(0, {{3, 5}});
   Put(Today(), file.substr(0, 82));  // three rows whole, the fourth cut short
   Bytes rows(400, 'x');
   EXPECT_EQ(store.SaveTimeReadEx(nullptr, At(11, 18), rows.data()), 1);
@@ -219,27 +217,23 @@ TEST_F(DayFileTest, ReadsCopyWholeRowsOnlyAndTellTheHostWhyARowFailed) {
 TEST_F(DayFileTest, ReadShiftsMarkedUtcHoursIntoTheLocalDay) {
   struct Mark { int day, hour, channel; };  // day: -1, 0 or 1 from the one asked
   const struct {
-    const char* name;
-    TIME_ZONE_INFORMATION zone;
-    SYSTEMTIME day;
-    std::vector<Mark> marks;
+    const char* name; LONG bias; bool north; SYSTEMTIME day; std::vector<Mark> marks;
     bool direct;                             // the file of the date as it is
     std::vector<std::pair<int, int>> local;  // else the channels and local hours marked
   } cases[] = {
-      {"UTC", Zone(0), At(11, 18), {{0, 5, 7}, {1, 0, 7}}, true, {}},
-      {"half-hour zone", Zone(-330), At(11, 18), {{0, 5, 7}, {-1, 23, 7}}, true, {}},
-      {"nine ahead", Zone(-540), At(11, 18), {{-1, 15, 0}, {0, 14, 0}, {-1, 14, 1}, {0, 15, 1}},
+      {"UTC", 0, false, At(11, 18), {{0, 5, 7}, {1, 0, 7}}, true, {}},
+      {"half-hour zone", -330, false, At(11, 18), {{0, 5, 7}, {-1, 23, 7}}, true, {}},
+      {"nine ahead", -540, false, At(11, 18), {{-1, 15, 0}, {0, 14, 0}, {-1, 14, 1}, {0, 15, 1}},
        false, {{0, 0}, {0, 23}}},
-      {"daylight begins", Zone(300, true), At(3, 14), {{0, 6, 4}, {0, 7, 4}}, false,
-       {{4, 1}, {4, 3}}},
-      {"daylight ends", Zone(300, true), At(11, 7), {{0, 5, 4}, {0, 6, 4}}, false, {{4, 1}}},
-      {"behind at a month's end", Zone(300), At(11, 30),
+      {"daylight begins", 300, true, At(3, 14), {{0, 6, 4}, {0, 7, 4}}, false, {{4, 1}, {4, 3}}},
+      {"daylight ends", 300, true, At(11, 7), {{0, 5, 4}, {0, 6, 4}}, false, {{4, 1}}},
+      {"behind at a month's end", 300, false, At(11, 30),
        {{1, 2, 9}, {1, 4, 9}, {1, 5, 9}, {0, 4, 9}, {0, 5, 9}}, false, {{9, 0}, {9, 21}, {9, 23}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     fs::remove_all(Real('c', "FSDIR/QS"));
-    Now(m_clock, c.zone);
+    InZone(c.bias, c.north);
     for (const Mark& m : c.marks) {
       const std::string path =
           Day(platform::UnixMillisToStamp(platform::StampToUnixMillis(c.day) + m.day * 86400000LL));
