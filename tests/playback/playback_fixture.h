@@ -16,8 +16,7 @@ namespace molra_test {
 
 class Player : public StoreProbe {
  public:
-  using CMOLRA::FindFirstBskDate, CMOLRA::m_ChanHits, CMOLRA::m_FsHdr, CMOLRA::m_nOpenBasket,
-      CMOLRA::m_stLastRead;
+  using CMOLRA::m_ChanHits, CMOLRA::m_FsHdr, CMOLRA::m_nOpenBasket, CMOLRA::m_stLastRead;
   void OnReadingData(_tagCHUNKHDR* /*header*/) override { ++readings; }
   int readings = 0;
 };
@@ -25,6 +24,10 @@ class Player : public StoreProbe {
 inline SYSTEMTIME At(WORD hour, WORD minute, WORD second, WORD ms = 0, WORD day = 18) {
   return SYSTEMTIME{2010, 11, 0, day, hour, minute, second, ms};
 }
+
+// A chunk to save.
+struct Shot { int channel; SYSTEMTIME t; bool key = false; DWORD length = 8; };
+constexpr Shot kNext{-1, {}};
 
 class PlaybackTest : public StoreTest {
  protected:
@@ -44,15 +47,26 @@ class PlaybackTest : public StoreTest {
   static std::vector<BYTE> Payload(int channel, const SYSTEMTIME& t, DWORD length) {
     return std::vector<BYTE>(length, static_cast<BYTE>(channel * 60 + t.wSecond % 60));
   }
-  void Save(int channel, const SYSTEMTIME& t, bool key = false, DWORD length = 8) {
+  void Save(int channel, const SYSTEMTIME& t, bool key = false, DWORD length = 8,
+            Player* into = nullptr) {
     _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), key ? 0x10000u : 0u, length};
     std::vector<BYTE> payload = Payload(channel, t, length);
     DWORD remaining = 0;
-    ASSERT_EQ(recorder.SaveData(&chunk, payload.data(), &remaining, 0), FS_OK);
+    ASSERT_EQ((into ? *into : recorder).SaveData(&chunk, payload.data(), &remaining, 0), FS_OK);
   }
   // The next save goes to the next basket of the ring.
-  void NextBasket() { recorder.Basket(recorder.GetFSInfo()->dwCurrent)->dwChunks = 70001; }
+  void NextBasket(Player* of = nullptr) {
+    Player& r = of ? *of : recorder;
+    r.Basket(r.GetFSInfo()->dwCurrent)->dwChunks = 70001;
+  }
   void Play() { ASSERT_EQ(player.OpenFS(1), FS_OK); }
+  // A store of `baskets` with these chunks saved in turn (kNext moves on a
+  // basket), and the player on it when `play`.
+  void Lay(LONG baskets, std::initializer_list<Shot> shots, bool play = false) {
+    ASSERT_NO_FATAL_FAILURE(Make(baskets));
+    for (auto& s : shots) s.channel < 0 ? NextBasket() : Save(s.channel, s.t, s.key, s.length);
+    if (play) Play();
+  }
 
   // "c3 10:05:07" for a delivered chunk, else the result code as "#n".
   std::string Brief(LONG result, const _tagCHUNKHDR& h) {
@@ -65,26 +79,19 @@ class PlaybackTest : public StoreTest {
     return text;
   }
   std::string Seek(int channel, const SYSTEMTIME& t, bool toSecond) {
-    _tagCHUNKHDR h{};
-    h.stTime = t;
-    h.chChannel = static_cast<signed char>(channel);
-    const LONG r = toSecond ? player.ReadDataEx2(&h, payload.data())
-                            : player.ReadDataEx(&h, payload.data());
-    return Brief(r, h);
+    _tagCHUNKHDR h{0, t, {}, static_cast<signed char>(channel), 0, 0};
+    return Brief(toSecond ? player.ReadDataEx2(&h, payload.data())
+                          : player.ReadDataEx(&h, payload.data()), h);
   }
   std::string Step(int channel, bool forward = true) {
-    _tagCHUNKHDR h{};
-    h.chChannel = static_cast<signed char>(channel);
-    const LONG r = forward ? player.ReadNextDataEx(&h, payload.data())
-                           : player.ReadPrevDataEx(&h, payload.data());
-    return Brief(r, h);
+    _tagCHUNKHDR h{0, {}, {}, static_cast<signed char>(channel), 0, 0};
+    return Brief(forward ? player.ReadNextDataEx(&h, payload.data())
+                         : player.ReadPrevDataEx(&h, payload.data()), h);
   }
   std::string Skip(int distance, bool forward = true) {
-    _tagCHUNKHDR h{};
-    h.chChannel = -1;
-    const LONG r = forward ? player.ReadNextDataEx2(&h, payload.data(), distance)
-                           : player.ReadPrevDataEx2(&h, payload.data(), distance);
-    return Brief(r, h);
+    _tagCHUNKHDR h{0, {}, {}, -1, 0, 0};
+    return Brief(forward ? player.ReadNextDataEx2(&h, payload.data(), distance)
+                         : player.ReadPrevDataEx2(&h, payload.data(), distance), h);
   }
 
   // Rewrites the header of the n-th chunk (index order) of basket b.

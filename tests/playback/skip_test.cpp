@@ -35,18 +35,11 @@ TEST_F(SkipTest, ADecisionCountsSecondsFromTheAnchorAndChannelsWithinIt) {
 }
 
 TEST_F(SkipTest, SkipsWalkKeyFramesAcrossBasketsBothWays) {
-  ASSERT_NO_FATAL_FAILURE(Make(2));
-  Save(1, At(10, 0, 0), true);
-  Save(1, At(10, 0, 0, 500), true);
-  Save(2, At(10, 0, 0, 600), true);
-  Save(2, At(10, 0, 0, 700), true);
-  Save(0, At(10, 0, 5));
-  Save(0, At(10, 0, 9), true);
-  NextBasket();
-  Save(1, At(10, 0, 10), true);
-  Save(0, At(10, 0, 11), true);
-  Save(0, At(10, 0, 25), true);
-  Save(0, At(10, 0, 40), true);
+  ASSERT_NO_FATAL_FAILURE(Lay(2, {{1, At(10, 0, 0), true}, {1, At(10, 0, 0, 500), true},
+                                  {2, At(10, 0, 0, 600), true}, {2, At(10, 0, 0, 700), true},
+                                  {0, At(10, 0, 5)}, {0, At(10, 0, 9), true}, kNext,
+                                  {1, At(10, 0, 10), true}, {0, At(10, 0, 11), true},
+                                  {0, At(10, 0, 25), true}, {0, At(10, 0, 40), true}}));
   Damage(1, 3, [](_tagCHUNKHDR& h) { h.stTime.wMonth = 13; });
   Play();
 

@@ -1,12 +1,11 @@
 // Stepping through the ring: its seam and its ends, one-channel walks,
-// empty and unreadable chunks, and a recorder in another process.
+// empty chunks, and a recorder in another process.
 #ifndef _WIN32
 #include <sys/wait.h>
 #include <unistd.h>
 #endif
 
 #include <cstddef>
-#include <filesystem>
 #include <fstream>
 
 #include "molra/platform.h"
@@ -77,14 +76,9 @@ TEST_F(StepTest, OneChannelWalksTakeAMessageAfterEachNode) {
   EXPECT_EQ(Step(-1), "c0 10:00:03");
 }
 
-TEST_F(StepTest, EmptyChunksPassButOnABackwardEntryAndUnreadablePayloadsFail) {
-  ASSERT_NO_FATAL_FAILURE(Make(2));
-  Save(2, At(10, 0, 1), false, 0);
-  NextBasket();
-  Save(2, At(10, 0, 2), false, 0);
-  Save(2, At(10, 0, 3));
-  Save(0, At(10, 0, 4));
-  Play();
+TEST_F(StepTest, EmptyChunksPassButOnABackwardEntry) {
+  ASSERT_NO_FATAL_FAILURE(Lay(2, {{2, At(10, 0, 1), false, 0}, kNext, {2, At(10, 0, 2), false, 0},
+                                  {2, At(10, 0, 3)}, {0, At(10, 0, 4)}}, true));
   ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c2 10:00:01");
   EXPECT_EQ(Step(2), "c2 10:00:02");  // entered forward
   EXPECT_EQ(Step(2), "c2 10:00:03");
@@ -93,11 +87,6 @@ TEST_F(StepTest, EmptyChunksPassButOnABackwardEntryAndUnreadablePayloadsFail) {
   EXPECT_NE(DefectLog().find("[11-18, 10:0:1]:[0]"), std::string::npos);
   ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c2 10:00:02");
   EXPECT_EQ(Step(-1, false), "c2 10:00:01");
-
-  std::filesystem::resize_file(DataPath(1), Offset(1, 2) + sizeof(_tagCHUNKHDR) + 4);
-  ASSERT_EQ(Seek(-1, At(10, 0, 3), true), "c2 10:00:03");
-  EXPECT_EQ(Step(-1), "#2");
-  EXPECT_EQ(player.m_stLastRead.wSecond, 4);
 }
 
 TEST_F(StepTest, AWalkRoundADamagedTreeEnds) {
@@ -115,13 +104,8 @@ TEST_F(StepTest, AWalkRoundADamagedTreeEnds) {
 
 TEST_F(StepTest, AFailedSeekLeavesTheReaderOnTheLastNodeItHandedOut) {
   // Key frames in two baskets, with a second missing inside each.
-  ASSERT_NO_FATAL_FAILURE(Make(2));
-  Save(0, At(10, 0, 1), true);
-  Save(1, At(10, 0, 3), true);
-  NextBasket();
-  Save(0, At(10, 0, 5), true);
-  Save(1, At(10, 0, 7), true);
-  Play();
+  ASSERT_NO_FATAL_FAILURE(Lay(2, {{0, At(10, 0, 1), true}, {1, At(10, 0, 3), true}, kNext,
+                                  {0, At(10, 0, 5), true}, {1, At(10, 0, 7), true}}, true));
   // The cursor keeps its offset also where the failed seek opened another
   // basket: the step goes on from that offset there.
   const struct {
@@ -145,12 +129,13 @@ TEST_F(StepTest, AFailedSeekLeavesTheReaderOnTheLastNodeItHandedOut) {
 
 // Runs `work` with a recorder of its own in a child process (on Windows,
 // with no fork, in this one).
-bool InAnotherProcess(void (*work)(Player&)) {
-  const auto run = [work] {
+template <typename Work>
+bool InAnotherProcess(Work work) {
+  const auto run = [&work] {
     Player recorder;
     if (recorder.OpenFS(0) != FS_OK) return false;
-    work(recorder);
-    return true;
+    work(&recorder);
+    return !::testing::Test::HasFailure();
   };
 #ifdef _WIN32
   return run();
@@ -163,28 +148,19 @@ bool InAnotherProcess(void (*work)(Player&)) {
 #endif
 }
 
-void SaveAt(Player& recorder, int channel, WORD second, WORD ms) {
-  _tagCHUNKHDR chunk{1, At(10, 0, second, ms), {}, static_cast<signed char>(channel), 0, 1};
-  BYTE payload = static_cast<BYTE>(channel * 60 + second);
-  DWORD remaining = 0;
-  recorder.SaveData(&chunk, &payload, &remaining, 0);
-}
-
 TEST_F(StepTest, AReaderSeesARecorderInAnotherProcessAfterASeekOrAReload) {
-  ASSERT_NO_FATAL_FAILURE(Make(2));
-  Save(0, At(10, 0, 1), false, 1);
-  Save(0, At(10, 0, 2), false, 1);
+  ASSERT_NO_FATAL_FAILURE(Lay(2, {{0, At(10, 0, 1), false, 1}, {0, At(10, 0, 2), false, 1}}));
   recorder.CloseFS();
   Play();
   ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c0 10:00:02");
 
-  ASSERT_TRUE(InAnotherProcess([](Player& r) { SaveAt(r, 1, 2, 500); }));
+  ASSERT_TRUE(InAnotherProcess([this](Player* r) { Save(1, At(10, 0, 2, 500), false, 1, r); }));
   EXPECT_EQ(Step(-1), "#9");  // the basket's index as it stood when opened
   EXPECT_EQ(Seek(1, At(10, 0, 2), true), "c1 10:00:02");  // a seek reads it afresh
 
-  ASSERT_TRUE(InAnotherProcess([](Player& r) {
-    r.Basket(r.GetFSInfo()->dwCurrent)->dwChunks = 70001;
-    SaveAt(r, 0, 4, 0);
+  ASSERT_TRUE(InAnotherProcess([this](Player* r) {
+    NextBasket(r);
+    Save(0, At(10, 0, 4), false, 1, r);
   }));
   EXPECT_EQ(Seek(-1, At(10, 0, 4), true), "#6");
   EXPECT_EQ(Step(-1), "#9");  // the ring as last loaded

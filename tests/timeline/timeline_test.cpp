@@ -17,10 +17,6 @@ namespace {
 constexpr DWORD kRecord = sizeof(_tagFSBSKTBL);
 using Record = std::shared_ptr<_tagFSBSKTBL>;
 
-struct Writer : StoreProbe {
-  using CMOLRA::m_FsHdr;
-};
-
 struct Texts : CWnd {
   void SetWindowText(const char* text) override { seen.emplace_back(text); }
   std::vector<std::string> seen;
@@ -67,7 +63,7 @@ class TimelineTest : public StoreTest {
   void Open(const std::vector<Basket>& baskets, DWORD current = 0, DWORD oldest = 0,
             LONG bias = 0) {
     UseZone(bias);
-    writer = std::make_unique<Writer>();
+    writer = std::make_unique<StoreProbe>();
     writer->CallLoadFSinfo();
     _tagBSKLOC loc{3, static_cast<LONG>(baskets.size())};
     ASSERT_EQ(writer->CreateFS(&loc, 1), FS_OK);
@@ -80,8 +76,8 @@ class TimelineTest : public StoreTest {
       record.stLast = baskets[b].last;
       record.dwDays = static_cast<DWORD>(baskets[b].days.size());
     }
-    writer->m_FsHdr.dwCurrent = current;
-    writer->m_FsHdr.dwOldest = oldest;
+    writer->GetFSInfo()->dwCurrent = current;
+    writer->GetFSInfo()->dwOldest = oldest;
     ASSERT_EQ(writer->SaveFSInfo(-1), FS_OK);
     reader = std::make_unique<CMOLRA>();
     ASSERT_EQ(reader->OpenFS(1), FS_OK);
@@ -106,7 +102,7 @@ class TimelineTest : public StoreTest {
   }
 
   LONG answer = FS_OK;  // what the queries are to return
-  std::unique_ptr<Writer> writer;
+  std::unique_ptr<StoreProbe> writer;
   std::unique_ptr<CMOLRA> reader;
 };
 
