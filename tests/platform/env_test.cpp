@@ -2,6 +2,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "platform/posix_paths.h"
 #endif
 
 #include <algorithm>
@@ -13,9 +15,6 @@
 
 #include "platform/env.h"
 #include "platform/fault_injection.h"
-#ifndef _WIN32
-#include "platform/posix_paths.h"
-#endif
 #include "support/temp_drives.h"
 
 namespace {
@@ -36,10 +35,7 @@ std::unique_ptr<platform::File> Open(const char* path, Access access, unsigned s
 #ifdef _WIN32
 // No fork: what another process would hold is held in this one.
 constexpr bool kForks = false;
-struct Child {
-  explicit Child(const std::function<bool()>&) {}
-  bool ok = false;
-};
+struct Child { explicit Child(const std::function<bool()>&) {} bool ok = false; };
 // The archive bit is the system's own, set on every new or written file.
 constexpr DWORD kArchive = FILE_ATTRIBUTE_ARCHIVE;
 constexpr DWORD kNewFile = 0;
@@ -48,24 +44,17 @@ constexpr bool kForks = true;
 constexpr DWORD kArchive = 0;
 constexpr DWORD kNewFile = platform::kFileAttributeNormal;
 
-std::string Resolve(const char* path) {
-  std::string real;
-  return platform::ResolvePath(path, &real) ? real : "(refused)";
-}
-
 // Runs `body` in a child process, which keeps whatever `body` left open
 // until it is killed at the end of the object, and tells whether `body`
 // succeeded.
 struct Child {
   explicit Child(const std::function<bool()>& body) {
     int up[2];
-    if (::pipe(up) != 0 || (pid = ::fork()) < 0) return;
-    if (pid == 0) {
-      if (body() && ::write(up[1], "y", 1) == 1) ::pause();
-      ::_exit(2);
-    }
-    ::close(up[1]);
     char answer;
+    if (::pipe(up) != 0 || (pid = ::fork()) < 0) return;
+    if (pid == 0 && body() && ::write(up[1], "y", 1) == 1) ::pause();
+    if (pid == 0) ::_exit(2);
+    ::close(up[1]);
     ok = ::read(up[0], &answer, 1) == 1;
     ::close(up[0]);
   }
@@ -75,12 +64,13 @@ struct Child {
   pid_t pid = -1;
   bool ok = false;
 };
-#endif
+
+// Paths map natively on Windows (Win32EnvTest).
+std::string Resolve(const char* path, std::string real = "") {
+  return platform::ResolvePath(path, &real) ? real : "(refused)";
+}
 
 TEST_F(EnvTest, PathsMapToDriveRootsWhateverTheCaseAndSeparator) {
-#ifdef _WIN32
-  GTEST_SKIP() << "paths map natively on Windows (Win32PathTest)";
-#else
   EXPECT_EQ(Resolve("c:/A\\\\.\\b\\"), Real('c', "A/b"));
   EXPECT_EQ(Resolve("C:\\A\\..\\..\\b"), Real('c', "b"));  // never above the root
   EXPECT_EQ(Resolve("FSDIR\\x"), "(refused)");
@@ -98,8 +88,8 @@ TEST_F(EnvTest, PathsMapToDriveRootsWhateverTheCaseAndSeparator) {
   std::ofstream(Real('c', "FSDIR/X")).put('x');
   EXPECT_EQ(Resolve("c:\\fsdir\\X"), Real('c', "FSDIR/X"));
   EXPECT_EQ(Resolve("c:\\fsdir\\x"), Real('c', "FSDIR/x"));
-#endif
 }
+#endif
 
 TEST_F(EnvTest, HiddenBitStaysWithTheFileAcrossProcesses) {
   const char* path = "C:\\MOLRA.CFT";
@@ -114,9 +104,8 @@ TEST_F(EnvTest, HiddenBitStaysWithTheFileAcrossProcesses) {
 
 TEST_F(EnvTest, FindFilesMatchesAnyCaseAndReportsLastWrite) {
   std::filesystem::create_directories(Real('c', "FSDIR/QS"));
-  for (const char* name : {"a.STI", "b.sti", "c.stix", "d.st", "b.sti.cdt"}) {
+  for (const char* name : {"a.STI", "b.sti", "c.stix", "d.st", "b.sti.cdt"})
     std::ofstream(Real('c', std::string("FSDIR/QS/") + name)).put('x');
-  }
   const SYSTEMTIME friday{2009, 2, 5, 13, 23, 31, 30, 500};  // UTC
   ASSERT_TRUE(SetLastWrite(Real('c', "FSDIR/QS/b.sti"), friday));
 
@@ -133,8 +122,8 @@ TEST_F(EnvTest, FindFilesMatchesAnyCaseAndReportsLastWrite) {
 
 TEST_F(EnvTest, ShareBitsAndOpenHandlesRuleOpenAndDeleteInThisAndOtherProcesses) {
   // A handle held, a second one asked for, and whether it opens.
-  struct Case { Access heldAccess; unsigned heldShare; Access access; unsigned share; bool opens; };
-  const Case cases[] = {
+  const struct { Access heldAccess; unsigned heldShare; Access access; unsigned share; bool opens; }
+      cases[] = {
       {Access::kRead, kShareRead, Access::kWrite, kShareReadWrite, false},
       {Access::kRead, kShareRead, Access::kRead, kShareRead, true},
       {Access::kWrite, kShareRead, Access::kRead, kShareReadWrite, true},

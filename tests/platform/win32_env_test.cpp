@@ -19,8 +19,7 @@ using Win32EnvTest = molra_test::TempDrives;
 
 platform::Env* Env() { return platform::CurrentEnv(); }
 
-std::wstring Resolve(const char* path) {
-  std::wstring real;
+std::wstring Resolve(const char* path, std::wstring real = L"") {
   return platform::ResolvePath(path, &real) ? real : L"(refused)";
 }
 

@@ -74,17 +74,11 @@ Bytes TempDrives::ReadAll(const std::string& realPath, size_t limit) {
 }
 
 long long TempDrives::FileSize(const std::string& realPath) {
-#ifdef _WIN32
-  WIN32_FILE_ATTRIBUTE_DATA data;
-  if (!::GetFileAttributesExW(std::filesystem::u8path(realPath).c_str(), GetFileExInfoStandard,
-                              &data)) {
-    return -1;
-  }
-  return static_cast<long long>(std::uint64_t{data.nFileSizeHigh} << 32 | data.nFileSizeLow);
-#else
-  struct stat st;
-  return ::stat(realPath.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-#endif
+  const std::filesystem::path path = std::filesystem::u8path(realPath);
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) return 0;
+  const std::uintmax_t size = std::filesystem::file_size(path, error);
+  return error ? -1 : static_cast<long long>(size);
 }
 
 bool TempDrives::SetLastWrite(const std::string& realPath, const SYSTEMTIME& utc) {
