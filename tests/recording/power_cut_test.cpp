@@ -1,40 +1,12 @@
 // A power cut at any write of a save: a fresh object opens the store,
 // finds every chunk saved before the cut and records on from there.
 #include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "platform/fault_injection.h"
-#include "playback/playback_fixture.h"
+#include "recording/recording_fixture.h"
 
 namespace molra_test {
 namespace {
-
-class PowerCutTest : public PlaybackTest {
- protected:
-  static LONG SaveWith(CMOLRA& store, const SYSTEMTIME& t) {
-    _tagCHUNKHDR chunk{1, t, {}, 3, 0x10000, 8};
-    std::vector<BYTE> bytes = Payload(3, t, 8);
-    DWORD remaining = 0;
-    return store.SaveData(&chunk, bytes.data(), &remaining, 0);
-  }
-  // What a fresh player finds from `first` on, then how the walk ended.
-  std::vector<std::string> Walk(const SYSTEMTIME& first) {
-    Player fresh;
-    if (fresh.OpenFS(1) != FS_OK) return {"no open"};
-    _tagCHUNKHDR h{};
-    h.stTime = first;
-    h.chChannel = -1;
-    std::vector<std::string> seen;
-    for (LONG r = fresh.ReadDataEx2(&h, payload.data()); seen.size() < 20;
-         h.chChannel = -1, r = fresh.ReadNextDataEx(&h, payload.data())) {
-      seen.push_back(Brief(r, h));
-      if (r != FS_OK) break;
-    }
-    return seen;
-  }
-};
 
 struct Cut {
   const char* name;
@@ -50,6 +22,8 @@ const Cut kCuts[] = {
     {"a rollover to the next basket", {At(9, 30, 1)}, At(9, 30, 2), At(9, 30, 3), true},
 };
 
+using PowerCutTest = DamageTest;
+
 TEST_F(PowerCutTest, AtEveryWriteOfASaveTheStoreKeepsWhatWasSavedAndRecordsOn) {
   for (const Cut& c : kCuts) {
     SCOPED_TRACE(c.name);
@@ -59,46 +33,38 @@ TEST_F(PowerCutTest, AtEveryWriteOfASaveTheStoreKeepsWhatWasSavedAndRecordsOn) {
       ASSERT_LT(n, 40u) << "the save never completed";
       for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
       ASSERT_NO_FATAL_FAILURE(Make(2));
-      for (const SYSTEMTIME& t : c.before) ASSERT_EQ(SaveWith(recorder, t), FS_OK);
+      for (const SYSTEMTIME& t : c.before) ASSERT_EQ(SaveWith(recorder, 3, t), FS_OK);
       recorder.CloseFS();
-      if (c.rolls) {  // basket 1 as an earlier cycle left it
-        const DWORD writePos = 1000000;
-        std::fstream(DataPath(1), std::ios::binary | std::ios::in | std::ios::out)
-            .seekp(8)
-            .write(reinterpret_cast<const char*>(&writePos), sizeof writePos);
-      }
+      if (c.rolls) Poke(DataPath(1), 8, Raw(DWORD{1000000}));  // as an earlier cycle left it
       {
         molra::platform::ScopedFaultInjection faults;
         ASSERT_EQ(recorder.OpenFS(0), FS_OK);
         if (c.rolls) NextBasket();  // as 70,001 saves would leave it
         ASSERT_EQ(recorder.SaveFSInfo(0), FS_OK);
         faults->CutPowerAtWrite(n);
-        const LONG result = SaveWith(recorder, c.cut);
+        const LONG result = SaveWith(recorder, 3, c.cut);
         completed = !faults->PowerCut();
         EXPECT_TRUE(!completed || result == FS_OK);
         recorder.CloseFS();  // while the power is off
       }
-      {
-        Player fresh;
-        ASSERT_EQ(fresh.OpenFS(0), FS_OK);
-        ASSERT_EQ(SaveWith(fresh, c.next), FS_OK);
-      }
+      Player fresh;
+      ASSERT_EQ(fresh.OpenFS(0), FS_OK);
+      ASSERT_EQ(SaveWith(fresh, 3, c.next), FS_OK);
+      fresh.CloseFS();
       std::vector<std::string> want;
-      for (const SYSTEMTIME& t : c.before) want.push_back(Brief(FS_OK, {1, t, {}, 3, 0, 0}));
+      for (const SYSTEMTIME& t : c.before) want.push_back(Seen(3, t));
       const std::vector<std::string> found = Walk(c.before[0]);
       // Nothing is kept by a cut at the first write, all by none at all,
       // and what one cut keeps every later cut keeps too.
       const bool keeps = found.size() == want.size() + 3;
       EXPECT_TRUE(keeps ? n > 1 : !completed && !kept);
       kept = keeps;
-      if (kept) want.push_back(Brief(FS_OK, {1, c.cut, {}, 3, 0, 0}));
-      want.push_back(Brief(FS_OK, {1, c.next, {}, 3, 0, 0}));
-      want.push_back("#9");
+      if (kept) want.push_back(Seen(3, c.cut));
+      want.insert(want.end(), {Seen(3, c.next), "#9"});
       EXPECT_EQ(found, want);
       // The chunks lie end to end: a lost one's place goes to the next.
-      const int last = c.rolls ? 1 : 0;
-      const size_t inLast = want.size() - 1 - (c.rolls ? c.before.size() : 0);
-      EXPECT_EQ(Offset(last, inLast - 1), 16 + (sizeof(_tagCHUNKHDR) + 8) * (inLast - 1));
+      const size_t inLast = want.size() - 2 - (c.rolls ? c.before.size() : 0);
+      EXPECT_EQ(Offset(c.rolls ? 1 : 0, inLast), 16 + (sizeof(_tagCHUNKHDR) + 8) * inLast);
     }
   }
 }

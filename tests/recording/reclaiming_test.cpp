@@ -6,37 +6,27 @@
 #include <unistd.h>
 #endif
 
-#include <algorithm>
 #include <array>
-#include <fstream>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "platform/fault_injection.h"
 #include "recording/recording_fixture.h"
-
-using molra::detail::CFsIndex;
 
 namespace molra_test {
 namespace {
 
 const auto kNamed = [](const auto& info) { return std::string(info.param.name); };
 
-// A chunk on 2010-11-day; day 0 sends the next chunk to the next basket.
-struct Chunk {
-  WORD day, hour = 1, ms = 0;  // ms 0: one of the test's own, so that the keys' sequence stays 0
-  int channel = 0;
-  WORD weekday = 0;
-};
+// A chunk on 2010-11-day; day 0 sends the next chunk to the next basket. Its
+// ms 0: one of the test's own, so that the keys' sequence stays 0.
+struct Chunk { WORD day, hour = 1, ms = 0; int channel = 0; WORD weekday = 0; };
 
 // Holds the current basket open for playback in another process (on
 // Windows, with no fork, in this one).
 #ifdef _WIN32
 struct ChildPlayer {
-  ChildPlayer() : ok(player.OpenFS(1) == FS_OK) {}
   CMOLRA player;
-  bool ok;
+  bool ok = player.OpenFS(1) == FS_OK;
 };
 #else
 struct ChildPlayer {
@@ -68,10 +58,6 @@ class ReclaimTest : public RecordingTest {
     if (c.day == 0) return Fill();
     const SYSTEMTIME t{2010, 11, c.weekday, c.day, c.hour, 0, 0, c.ms ? c.ms : ++m_ms};
     ASSERT_EQ(RecordingTest::Save(c.channel, t, 0x00010000, 4), FS_OK);
-  }
-  std::vector<DWORD> IndexHead(int n) const {  // dwFirst, dwCount
-    const _tagIDXHDR h = Get<_tagIDXHDR>(ReadAll(Path(n, ".CIN"), 28), 0);
-    return {h.dwFirst, h.dwCount};
   }
   // Ages with an object of its own, as the host's housekeeping would.
   int Age(unsigned days, _tagFSBSKINFO* info = nullptr, DWORD oldest = 0) {
@@ -115,8 +101,8 @@ TEST_P(ReclaimAge, ErasesCutsOrKeepsTheOldestBasket) {  // today is the 18th
   _tagFSBSKINFO info{};
   EXPECT_EQ(Age(p.retention, &info, p.oldest), p.result);
   EXPECT_EQ(std::string(info.szPath), Name(next));
-  const Bytes log = ReadAll(Real('c', "FSDIR/status.dat"));  // 32: a sharing violation
-  EXPECT_EQ(log.find("BasketControl:Basket Erase -0 Error Code:32 ") != Bytes::npos, p.holder != 0);
+  const bool shared = Log().find("BasketControl:Basket Erase -0 Error Code:32 ") != Bytes::npos;
+  EXPECT_EQ(shared, p.holder != 0);  // 32: a sharing violation
   EXPECT_TRUE(p.effect != 'c' || Age(p.retention) == 0);  // nothing more to cut
   if (p.effect == 'e') {  // its span, days, chunks and flags go, the index's head, the table
     Put<DWORD>(&want[0], 16, next);  // dwOldest
@@ -154,19 +140,18 @@ TEST_F(ReclaimTest, CutMovesTheKeptDaysUpAndStartsTheIndexAtTheFirstKeptNode) {
       Make(1, {{14, 1, 0, 0, 3}, {15}, {16, 7, 777, 1, 5}, {16, 9, 13}, {17, 2, 14}}));
   const Bytes table = ReadAll(Path(0, ".CTA")), record = Rec(0);
   ASSERT_EQ(Age(3), 1);  // cut-off the 15th
-  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) ==
-              table.substr(2 * kDay, 2 * kDay) + Bytes(2 * kDay, '\0'));
-  EXPECT_EQ(IndexHead(0), (std::vector<DWORD>{28 + 2 * 41, 3}));
+  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) == table.substr(2 * kDay, 2 * kDay) + Bytes(2 * kDay, 0));
+  const auto indexHead = [&] {  // dwFirst, dwCount
+    const auto h = Get<_tagIDXHDR>(ReadAll(Path(0, ".CIN"), 28), 0);
+    return std::array<DWORD, 2>{h.dwFirst, h.dwCount};
+  };
+  EXPECT_EQ(indexHead(), (std::array<DWORD, 2>{28 + 2 * 41, 3}));
 
+  EXPECT_EQ(Keys(0), (std::vector<std::string>{"20101116070000077700", "20101116090000001300",
+                                               "20101117020000001400"}));
   CFsIndex index;
-  ASSERT_TRUE(index.Open((Name(0) + ".CIN").c_str(), 2, 0));
   char key[20];
-  std::vector<std::string> keys;
-  for (int ok = index.First(key, nullptr); ok; ok = index.Next(key, nullptr))
-    keys.emplace_back(key, 20);
-  EXPECT_EQ(keys, (std::vector<std::string>{"20101116070000077700", "20101116090000001300",
-                                            "20101117020000001400"}));
-  ASSERT_TRUE(index.First(key, nullptr));
+  ASSERT_TRUE(index.Open((Name(0) + ".CIN").c_str(), 2, 0) && index.First(key, nullptr));
   EXPECT_FALSE(index.Prev(key, nullptr));  // though the 14th's nodes are still in the file
   _tagIDXNODE node;
   DWORD found = 0;
@@ -179,7 +164,7 @@ TEST_F(ReclaimTest, CutMovesTheKeptDaysUpAndStartsTheIndexAtTheFirstKeptNode) {
   EXPECT_TRUE(Rec(0) == expected);
 
   ASSERT_NO_FATAL_FAILURE(Save({17, 5, 0, 2}));  // its own header goes over the repaired one
-  EXPECT_EQ(IndexHead(0), (std::vector<DWORD>{28, 6}));
+  EXPECT_EQ(indexHead(), (std::array<DWORD, 2>{28, 6}));
   ASSERT_NO_FATAL_FAILURE(Save({18}));  // a new day goes behind its old count of days
   const Bytes after = ReadAll(Path(0, ".CTA"));
   EXPECT_EQ(Get<DWORD>(after, kDay + 12 + (2 * 24 + 5) * 4), 0x00010000u);  // in the kept 17th

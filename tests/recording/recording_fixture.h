@@ -1,15 +1,15 @@
-// A store of baskets on drive D, open to record, and its files read back
-// as bytes, records and index keys.
+// A store of baskets on drive D, open to record, its files read back as
+// bytes, records and index keys, and damaged by hand.
 #pragma once
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "index/fs_index.h"
-#include "store/store_probe.h"
+#include "playback/playback_fixture.h"
 
 namespace molra_test {
 
@@ -26,6 +26,16 @@ T Get(const Bytes& b, size_t at) {
 template <typename T>
 void Put(Bytes* b, size_t at, const T& v) {
   b->replace(at, sizeof v, reinterpret_cast<const char*>(&v), sizeof v);
+}
+template <typename T>
+Bytes Raw(const T& v) {
+  return Bytes(reinterpret_cast<const char*>(&v), sizeof v);
+}
+// Plain file I/O on a test drive, as a lost, torn or cut write leaves it.
+inline void Poke(const std::string& path, DWORD offset, const Bytes& bytes) {
+  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
+      .seekp(offset)
+      .write(bytes.data(), static_cast<long>(bytes.size()));
 }
 
 inline SYSTEMTIME On(WORD day, WORD hour, WORD minute = 0, WORD second = 0, WORD ms = 0) {
@@ -61,6 +71,7 @@ class RecordingTest : public StoreTest {
   std::string Path(int n, const char* ext) const {
     return Real('d', "MOLRA/FS00000" + std::to_string(n) + ext);
   }
+  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
   Bytes Rec(int n) const { return Catalogue().substr(kHead + n * kRec, kRec); }
   _tagFSBSKINFO RecordOnDisk(int n) const { return Get<_tagFSBSKINFO>(Rec(n), 0); }
   std::vector<Bytes> Files(int n) const {
@@ -68,7 +79,7 @@ class RecordingTest : public StoreTest {
   }
   std::vector<std::pair<std::string, _tagIDXREF>> Index(int n) const {
     std::vector<std::pair<std::string, _tagIDXREF>> entries;
-    molra::detail::CFsIndex index;
+    CFsIndex index;
     char key[20];
     _tagIDXREF ref{};
     if (!index.Open((Name(n) + ".CIN").c_str(), 2, 0)) return entries;
@@ -83,6 +94,37 @@ class RecordingTest : public StoreTest {
   }
 
   Recorder rec;
+};
+
+// A recorder and fresh players on a store that power cuts and failed
+// writes reach; chunks of 8 bytes, each a key frame.
+class DamageTest : public PlaybackTest {
+ protected:
+  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
+  static LONG SaveWith(CMOLRA& store, int channel, const SYSTEMTIME& t, DWORD info = 0x10000) {
+    _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), info, 8};
+    std::vector<BYTE> bytes = Payload(channel, t, 8);
+    DWORD remaining = 0;
+    return store.SaveData(&chunk, bytes.data(), &remaining, 0);
+  }
+  std::string Seen(int channel, const SYSTEMTIME& t) {
+    return Brief(FS_OK, {1, t, {}, static_cast<signed char>(channel), 0, 0});
+  }
+  // What a fresh player finds from `first` on, then how the walk ended.
+  std::vector<std::string> Walk(const SYSTEMTIME& first) {
+    Player fresh;
+    if (fresh.OpenFS(1) != FS_OK) return {"no open"};
+    _tagCHUNKHDR h{};
+    h.stTime = first;
+    h.chChannel = -1;
+    std::vector<std::string> seen;
+    for (LONG r = fresh.ReadDataEx2(&h, payload.data()); seen.size() < 1000;
+         h.chChannel = -1, r = fresh.ReadNextDataEx(&h, payload.data())) {
+      seen.push_back(Brief(r, h));
+      if (r != FS_OK) break;
+    }
+    return seen;
+  }
 };
 
 }  // namespace molra_test

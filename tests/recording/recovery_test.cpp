@@ -1,73 +1,32 @@
 // A basket that damage has reached: a recording open sets it right with
 // one line in the status log and records on; a reader reads what it can
 // and writes nothing; an intact basket is only read.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "index/index_format.h"
 #include "platform/fault_injection.h"
-#include "playback/playback_fixture.h"
+#include "recording/recording_fixture.h"
 
 namespace molra_test {
 namespace {
 
-constexpr DWORD kLength = 8;                         // of every payload here
-constexpr DWORD kStride = sizeof(_tagCHUNKHDR) + kLength;
-constexpr DWORD Chunk(int i) { return 16 + kStride * i; }   // in the data file
-constexpr DWORD Node(int i) { return 28 + 41 * i; }         // in the index
-
+constexpr DWORD kStride = sizeof(_tagCHUNKHDR) + 8;
+constexpr DWORD Chunk(int i) { return 16 + kStride * i; }  // in the data file
+constexpr DWORD Node(int i) { return 28 + 41 * i; }        // in the index
+Bytes Word(DWORD value) { return Raw(value); }
 // Chunk i: channel i mod 16, one a second from 10:00:00 on.
 SYSTEMTIME Time(int i) { return At(10, static_cast<WORD>(i / 60), static_cast<WORD>(i % 60)); }
-std::string Seen(int i) {
-  char text[32];
-  std::snprintf(text, sizeof text, "c%d %02d:%02d:%02d", i % 16, 10, i / 60, i % 60);
-  return text;
-}
 
-// Plain file I/O on a test drive, as a lost, torn or cut write leaves it.
-void Poke(const std::string& path, DWORD offset, const Bytes& bytes) {
-  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
-      .seekp(offset)
-      .write(bytes.data(), static_cast<long>(bytes.size()));
-}
-Bytes Word(DWORD value) { return Bytes(reinterpret_cast<const char*>(&value), sizeof value); }
-
-class RecoveryTest : public PlaybackTest {
+class RecoveryTest : public DamageTest {
  protected:
   std::string Index(int basket = 0) const {
     return Real('d', "MOLRA/FS00000" + std::to_string(basket) + ".CIN");
   }
-  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
-  void SaveWith(CMOLRA& store, int i) {
-    _tagCHUNKHDR chunk{1, Time(i), {}, static_cast<signed char>(i % 16), 0x10000, kLength};
-    std::vector<BYTE> bytes = Payload(i % 16, Time(i), kLength);
-    DWORD remaining = 0;
-    ASSERT_EQ(store.SaveData(&chunk, bytes.data(), &remaining, 0), FS_OK) << i;
+  void SaveAll(CMOLRA& store, int from, int to) {
+    for (int i = from; i < to; ++i) ASSERT_EQ(SaveWith(store, i % 16, Time(i)), FS_OK) << i;
   }
-  // Everything a fresh player finds from chunk `first` on, then how the walk ended.
-  std::vector<std::string> Walk(int first = 0) {
-    Player fresh;
-    std::vector<std::string> seen;
-    if (fresh.OpenFS(1) != FS_OK) return {"no open"};
-    _tagCHUNKHDR h{};
-    h.stTime = Time(first);
-    h.chChannel = -1;
-    LONG result = fresh.ReadDataEx2(&h, payload.data());
-    for (int steps = 0; result == FS_OK && steps < 1000; ++steps) {
-      seen.push_back(Brief(result, h));
-      h.chChannel = -1;
-      result = fresh.ReadNextDataEx(&h, payload.data());
-    }
-    seen.push_back(Brief(result, h));
-    return seen;
-  }
+  std::string Seen(int i) { return DamageTest::Seen(i % 16, Time(i)); }
   // All of the store's files, the data files up to where chunks end.
   std::map<std::string, Bytes> Files() const {
     std::map<std::string, Bytes> files;
@@ -121,11 +80,10 @@ const Harm kHarms[] = {
     {"a node of the last cycle left in slot 5, its link lost", 10, 10,
      [](Path index, Path data) {
        // That cycle's chunk lies further on, where this one has not come.
-       _tagCHUNKHDR old{1, At(9, 0, 5), {}, 5, 0x10000, kLength};
-       Poke(data, Chunk(40), Bytes(reinterpret_cast<const char*>(&old), sizeof old));
+       Poke(data, Chunk(40), Raw(_tagCHUNKHDR{1, At(9, 0, 5), {}, 5, 0x10000, 8}));
        _tagIDXNODE node{Node(4), 0, Node(6), {5, 0x10000, Chunk(40)}, {}};
        std::memcpy(node.cKey, molra::MakeKey(2010, 11, 18, 9, 0, 5, 0, 0).text, 20);
-       Poke(index, Node(5), Bytes(reinterpret_cast<const char*>(&node), sizeof node));
+       Poke(index, Node(5), Raw(node));
        Poke(index, Node(4) + 8, Word(0));
      },
      "FS000000.CIN at 233 : chunks entered again from the data file: 5"},
@@ -139,7 +97,7 @@ TEST_F(RecoveryTest, ARecordingOpenRepairsDamageWithOneLineAndRecordsOn) {
     SCOPED_TRACE(d.name);
     for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
     ASSERT_NO_FATAL_FAILURE(Make(1));
-    for (int i = 0; i < d.saved; ++i) ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
+    ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, 0, d.saved));
     recorder.CloseFS();
     d.harm(Index(), DataPath(0));
     const size_t before = Log().size();
@@ -149,7 +107,7 @@ TEST_F(RecoveryTest, ARecordingOpenRepairsDamageWithOneLineAndRecordsOn) {
     const std::string line = Log().substr(before);
     EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1) << line;
     EXPECT_NE(line.find(d.logged), std::string::npos) << line;
-    for (int i = d.saved; i < d.saved + 5; ++i) ASSERT_NO_FATAL_FAILURE(SaveWith(fresh, i));
+    ASSERT_NO_FATAL_FAILURE(SaveAll(fresh, d.saved, d.saved + 5));
     fresh.CloseFS();
 
     std::vector<std::string> expected;
@@ -157,7 +115,7 @@ TEST_F(RecoveryTest, ARecordingOpenRepairsDamageWithOneLineAndRecordsOn) {
       if (i < d.survive || i >= d.saved) expected.push_back(Seen(i));
     }
     expected.push_back("#9");
-    EXPECT_EQ(Walk(), expected);
+    EXPECT_EQ(Walk(Time(0)), expected);
     EXPECT_EQ(FileSize(DataPath(0)), 67108864);
     // Set right for good: the next recorder finds nothing to repair.
     ASSERT_EQ(Player().OpenFS(0), FS_OK);
@@ -167,13 +125,10 @@ TEST_F(RecoveryTest, ARecordingOpenRepairsDamageWithOneLineAndRecordsOn) {
 
 TEST_F(RecoveryTest, AnIntactBasketIsOnlyRead) {
   ASSERT_NO_FATAL_FAILURE(Make(1));
-  for (int i = 0; i < 10; ++i) ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
+  ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, 0, 10));
   NextBasket();  // the ring of one: a new cycle over the old nodes and chunks
-  for (const int i : {20, 30, 40, 25, 27, 50}) ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
-  _tagCHUNKHDR early{1, Time(5), {}, 5, 0x80010000u, kLength};  // appended unseen
-  std::vector<BYTE> bytes = Payload(5, Time(5), kLength);
-  DWORD remaining = 0;
-  ASSERT_EQ(recorder.SaveData(&early, bytes.data(), &remaining, 0), FS_OK);
+  for (const int i : {20, 30, 40, 25, 27, 50}) ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, i, i + 1));
+  ASSERT_EQ(SaveWith(recorder, 5, Time(5), 0x80010000u), FS_OK);  // appended unseen
   recorder.CloseFS();
   {
     // The power goes at the index header of a save: its node stays linked
@@ -181,7 +136,7 @@ TEST_F(RecoveryTest, AnIntactBasketIsOnlyRead) {
     molra::platform::ScopedFaultInjection faults;
     ASSERT_EQ(recorder.OpenFS(0), FS_OK);
     faults->CutPowerAtWrite(5);
-    ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, 60));
+    ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, 60, 61));
     recorder.CloseFS();
   }
 
@@ -196,10 +151,9 @@ TEST_F(RecoveryTest, AnIntactBasketIsOnlyRead) {
 
 TEST_F(RecoveryTest, AReaderOfDamagedBasketsReadsWhatItCanAndWritesNothing) {
   ASSERT_NO_FATAL_FAILURE(Make(2));
-  for (int i = 0; i < 12; ++i) {
-    if (i == 6) NextBasket();
-    ASSERT_NO_FATAL_FAILURE(SaveWith(recorder, i));
-  }
+  ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, 0, 6));
+  NextBasket();
+  ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, 6, 12));
   recorder.CloseFS();
   Poke(Index(0), 0, Bytes(28, '\0'));  // reached by a seek from the current basket
   Poke(Index(1), 0, Bytes(28, '\0'));
@@ -210,8 +164,8 @@ TEST_F(RecoveryTest, AReaderOfDamagedBasketsReadsWhatItCanAndWritesNothing) {
     if (i != 5) expected.push_back(Seen(i));
   }
   expected.push_back("#9");
-  EXPECT_EQ(Walk(), expected);
-  EXPECT_EQ(Walk(8), std::vector<std::string>(expected.begin() + 7, expected.end()));
+  EXPECT_EQ(Walk(Time(0)), expected);
+  EXPECT_EQ(Walk(Time(8)), std::vector<std::string>(expected.begin() + 7, expected.end()));
   EXPECT_TRUE(Files() == files);
 }
 

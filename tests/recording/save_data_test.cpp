@@ -1,9 +1,7 @@
 // Saving chunks: keys, the data and index files, the ring of baskets and
 // the day tables, checked on disk.
-#include <array>
 #include <filesystem>
-#include <string>
-#include <vector>
+#include <initializer_list>
 
 #include "recording/recording_fixture.h"
 
@@ -29,7 +27,9 @@ TEST_F(SaveDataTest, RefusedChunksWriteNothingAndTakeNoSequenceNumber) {
   ASSERT_NO_FATAL_FAILURE(MakePrimed());
   ASSERT_EQ(Save(0, On(18, 9, 30, 15, 250)), FS_OK);
   const auto files = [&] {  // all of basket 0 but the sparse tail of its data
-    return std::vector<Bytes>{Files(0)[0], Files(0)[1], Files(0)[2], ReadAll(Path(0, ".CDT"), 4096)};
+    std::vector<Bytes> files = Files(0);
+    files.push_back(ReadAll(Path(0, ".CDT"), 4096));
+    return files;
   };
   const std::vector<Bytes> before = files();
   const struct { signed char channel; WORD month, day, hour, minute; DWORD length; } rows[] = {
@@ -97,28 +97,34 @@ TEST_F(SaveDataTest, TheRecordFollowsFirstLastAndNewHours) {
   }
 }
 
-struct Edge { DWORD sum, chunks; bool rolls; };  // the sum for a chunk of 10 bytes
+// Where the last chunk ended, how long the next is, how many the basket
+// holds, and whether the next goes to basket 1.
+struct Edge { DWORD writePos, length, chunks; bool rolls; };
 class SaveDataRollover : public SaveDataTest, public ::testing::WithParamInterface<Edge> {};
 
 // The sum is dwLength + dwWritePos + 4; a chunk goes in while 64 MiB minus
 // the sum stays above 1,067,008, and while the basket holds at most 70,000.
-TEST_P(SaveDataRollover, StartsTheNextBasketAtTheMarginOrTheChunkLimit) {
+// A write position no intact basket has (past the end of the file, at its
+// very top, before the first chunk) leaves the basket: the sum never wraps
+// and no data file grows.
+TEST_P(SaveDataRollover, StartsTheNextBasketAtTheMarginTheChunkLimitOrDamage) {
   const Edge& edge = GetParam();
   ASSERT_NO_FATAL_FAILURE(Make(2));
   ASSERT_EQ(Save(0, On(18, 9, 0)), FS_OK);
-  rec.m_DataHdr.dwWritePos = edge.sum - 10 - 4;
+  rec.m_DataHdr.dwWritePos = edge.writePos;
   rec.Basket(0)->dwChunks = edge.chunks;
   for (DWORD& flag : rec.m_bIFrame) flag = 0;
   DWORD remaining = 0;
-  ASSERT_EQ(Save(0, On(18, 9, 1), 0x01000000, 10, &remaining), FS_OK);
+  ASSERT_EQ(Save(0, On(18, 9, 1), 0x01000000, edge.length, &remaining), FS_OK);
   const int basket = edge.rolls ? 1 : 0;
-  const DWORD at = edge.rolls ? 16 : edge.sum - 14;
+  const DWORD at = edge.rolls ? 16 : edge.writePos, end = at + 30 + edge.length;
   EXPECT_EQ(Ring(), edge.rolls ? "1/0" : "0/0");
-  EXPECT_EQ(remaining, 67108864u - (at + 40));
-  EXPECT_EQ(WritePosOnDisk(basket), at + 40);
+  EXPECT_EQ(remaining, 67108864u - end);
+  EXPECT_EQ(WritePosOnDisk(basket), end);
   ASSERT_FALSE(Index(basket).empty());
   EXPECT_EQ(+Index(basket).back().second.dwOffset, at);
   for (int channel = 0; channel < 16; ++channel) EXPECT_EQ(rec.GetIFrame(channel), basket);
+  for (int n = 0; n < 2; ++n) EXPECT_EQ(FileSize(Path(n, ".CDT")), 67108864LL) << n;
   if (edge.rolls) {  // the new basket starts at this chunk alone
     const _tagFSBSKINFO record = RecordOnDisk(1);
     EXPECT_EQ(record.dwFlags, 1u);  // by the new day record: the hour is the same
@@ -126,32 +132,24 @@ TEST_P(SaveDataRollover, StartsTheNextBasketAtTheMarginOrTheChunkLimit) {
     EXPECT_EQ(rec.Basket(0)->dwChunks, edge.chunks);  // the old basket keeps its count
   }
 }
-INSTANTIATE_TEST_SUITE_P(, SaveDataRollover,
-                         ::testing::Values(Edge{66041855, 1, false}, Edge{66041856, 1, true},
-                                           Edge{30, 70000, false}, Edge{30, 70001, true}));
+constexpr DWORD kMax = molra::kMaxChunkLength;
+INSTANTIATE_TEST_SUITE_P(
+    , SaveDataRollover,
+    ::testing::Values(Edge{66041841, 10, 1, false}, Edge{66041842, 10, 1, true},
+                      Edge{16, 10, 70000, false}, Edge{16, 10, 70001, true},
+                      Edge{67000000, kMax, 1, true}, Edge{0xFFFFFFF0, kMax, 1, true},
+                      Edge{8, kMax, 1, true}));
 
-// A write position no intact basket has (past the end of the file, at its
-// very top, before the first chunk) leaves the basket: the sum never wraps
-// and no data file grows. A full ring pushes the oldest on.
-TEST_F(SaveDataTest, TheRingMovesOnAtAFullOrDamagedBasket) {
+TEST_F(SaveDataTest, AFullRingPushesTheOldestOn) {
   ASSERT_NO_FATAL_FAILURE(Make(3));
-  WORD ms = 0;
-  const std::pair<DWORD, const char*> damaged[] = {{67000000, "1/0"}, {0xFFFFFFF0, "2/0"}, {8, "0/1"}};
-  for (const auto& [at, ring] : damaged) {
-    rec.m_DataHdr.dwWritePos = at;
-    ASSERT_EQ(Save(0, On(18, 9, 0, 0, ms++), 0, molra::kMaxChunkLength), FS_OK) << at;
-    EXPECT_EQ(Ring(), ring);
-    EXPECT_EQ(WritePosOnDisk(rec.m_FsHdr.dwCurrent), 16 + 30 + molra::kMaxChunkLength) << at;
-  }
-  long long sizes = 0;
-  for (int n = 0; n < 3; ++n) sizes += FileSize(Path(n, ".CDT"));
-  EXPECT_EQ(sizes, 3 * 67108864LL);
-  for (const char* ring : {"1/2", "2/0", "0/1"}) {
+  ASSERT_EQ(Save(0, On(18, 9, 10, 0, 0)), FS_OK);
+  WORD ms = 1;
+  for (const char* ring : {"1/0", "2/0", "0/1", "1/2"}) {
     Fill();
     ASSERT_EQ(Save(0, On(18, 9, 10, 0, ms++)), FS_OK);
     EXPECT_EQ(Ring(), ring);
   }
-  EXPECT_EQ(Keys(0).size(), 1u);  // the last cycle's chunk alone
+  EXPECT_EQ(Keys(0).size(), 1u);  // the last cycle's chunk is gone
 }
 
 // Before: baskets, current, oldest, broken ones; after: result, ring, baskets left, log line.
@@ -182,7 +180,7 @@ TEST_P(SaveDataBrokenBasket, RolloverErasesItAndTriesTheNext) {
   for (const int n : b.left) left.push_back(Name(n));
   EXPECT_EQ(paths, left);
   EXPECT_EQ(Ring(), b.ring);
-  EXPECT_NE(ReadAll(Real('c', "FSDIR/status.dat")).find(b.log), std::string::npos);
+  EXPECT_NE(Log().find(b.log), std::string::npos);
   EXPECT_TRUE(FileExists(Path(b.broken[0], ".CDT")));
   EXPECT_EQ(Keys(b.left[rec.m_FsHdr.dwCurrent]).size(), b.result == FS_OK ? 1u : 0u);
 }
@@ -196,16 +194,22 @@ INSTANTIATE_TEST_SUITE_P(
                "File System - 1 Basket : D:\\MOLRA\\FS000004"},
         Broken{1, 0, 0, {0}, FS_ERR_INDEX, "0/0", {0}, "only basket kept : D:\\MOLRA\\FS000000"}));
 
-// Day records as whole-record reads and rewrites would leave them.
-using Table = std::vector<_tagFSBSKTBL>;
-_tagFSBSKTBL& Day(Table& table, size_t k, DWORD day) {
-  if (table.size() <= k) table.resize(k + 1, _tagFSBSKTBL{});
-  std::memcpy(&table[k], std::array<DWORD, 3>{2010, 11, day}.data(), 12);
-  return table[k];
+// Day records as whole-record reads and rewrites would leave them: record
+// k dated 2010-11-day, with a minute cell and its hour cell (0: untouched).
+struct Cell { size_t k; DWORD day; int channel, hour, minute; DWORD minuteCell, hourCell; };
+Bytes Tables(size_t records, std::initializer_list<Cell> cells) {
+  std::vector<_tagFSBSKTBL> t(records);
+  for (const Cell& c : cells) {
+    t[c.k].dwYear = 2010, t[c.k].dwMonth = 11, t[c.k].dwDay = c.day;
+    t[c.k].dwMinute[c.channel][c.hour][c.minute] = c.minuteCell;
+    if (c.hourCell != 0) t[c.k].dwHour[c.channel][c.hour] = c.hourCell;
+  }
+  return Bytes(reinterpret_cast<const char*>(t.data()), t.size() * kDay);
 }
-Bytes Raw(const Table& t) { return Bytes(reinterpret_cast<const char*>(t.data()), t.size() * kDay); }
 
-TEST_F(SaveDataTest, DayTablesMergeEventBitsAndAppendDaysInArrivalOrder) {
+// A one-basket ring then overwrites it all: day records left from the last
+// cycle are ignored, yet nothing is cut from its files.
+TEST_F(SaveDataTest, DayTablesMergeEventBitsAppendDaysInArrivalOrderAndForgetTheLastCycle) {
   ASSERT_NO_FATAL_FAILURE(Make(1));
   const struct { int channel; SYSTEMTIME t; DWORD info; } saves[] = {
       {2, On(18, 9, 30, 0, 1), 0x81000010},   {2, On(18, 9, 30, 0, 2), 0x03000020},
@@ -215,48 +219,30 @@ TEST_F(SaveDataTest, DayTablesMergeEventBitsAndAppendDaysInArrivalOrder) {
       {15, On(18, 23, 59, 0, 9), 0x20000002}, {1, On(17, 12, 0, 0, 10), 0x40000003},
       {3, On(20, 1, 1, 0, 11), 0x01000000},   {3, On(21, 1, 1, 0, 12), 0x01000000}};
   for (const auto& s : saves) ASSERT_EQ(Save(s.channel, s.t, s.info), FS_OK);
-
-  Table expected;
-  _tagFSBSKTBL& d18 = Day(expected, 0, 18);
-  d18.dwHour[2][9] = d18.dwMinute[2][9][30] = 0x85000010;
-  d18.dwMinute[2][9][31] = 0x80000040;
-  d18.dwHour[5][9] = 0x02010000;
-  d18.dwMinute[5][9][30] = 0x00010000;
-  d18.dwMinute[5][9][32] = 0x02000000;
-  d18.dwHour[15][23] = d18.dwMinute[15][23][59] = 0x20000002;
-  _tagFSBSKTBL& d19 = Day(expected, 1, 19);
-  d19.dwHour[0][0] = d19.dwMinute[0][0][0] = 0x10000001;
-  _tagFSBSKTBL& d17 = Day(expected, 2, 17);
-  d17.dwHour[1][12] = d17.dwMinute[1][12][0] = 0x40000003;
-  for (const DWORD day : {20u, 21u}) {
-    _tagFSBSKTBL& d = Day(expected, day - 17, day);
-    d.dwHour[3][1] = d.dwMinute[3][1][1] = 0x01000000;
-  }
   // Five days: the fifth lies behind the file as made.
-  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) == Raw(expected));
+  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) ==
+              Tables(5, {{0, 18, 2, 9, 30, 0x85000010, 0x85000010},
+                         {0, 18, 2, 9, 31, 0x80000040, 0},
+                         {0, 18, 5, 9, 30, 0x00010000, 0x02010000},
+                         {0, 18, 5, 9, 32, 0x02000000, 0},
+                         {0, 18, 15, 23, 59, 0x20000002, 0x20000002},
+                         {1, 19, 0, 0, 0, 0x10000001, 0x10000001},
+                         {2, 17, 1, 12, 0, 0x40000003, 0x40000003},
+                         {3, 20, 3, 1, 1, 0x01000000, 0x01000000},
+                         {4, 21, 3, 1, 1, 0x01000000, 0x01000000}}));
   EXPECT_EQ(RecordOnDisk(0).dwDays, 5u);
-}
 
-TEST_F(SaveDataTest, OneBasketRingOverwritesItselfAndIgnoresStaleDays) {
-  ASSERT_NO_FATAL_FAILURE(Make(1));
-  ASSERT_EQ(Save(0, On(17, 9, 0, 0, 1), 0x01000001), FS_OK);
-  ASSERT_EQ(Save(0, On(19, 9, 0, 0, 2), 0x01000002, 50), FS_OK);
+  const Bytes data = ReadAll(Path(0, ".CDT"), 16 + 12 * 38), table = ReadAll(Path(0, ".CTA"));
   Fill();
-  ASSERT_EQ(Save(1, On(18, 8, 0, 0, 3), 0x02000003), FS_OK);
-  ASSERT_EQ(Save(1, On(19, 8, 0, 0, 4), 0x02000004), FS_OK);  // a stale day 19 lies at 1
-  EXPECT_EQ(Keys(0), (std::vector<std::string>{"20101118080000000300", "20101119080000000400"}));
+  ASSERT_EQ(Save(1, On(18, 8, 0, 0, 13), 0x02000003), FS_OK);
+  ASSERT_EQ(Save(1, On(19, 8, 0, 0, 14), 0x02000004), FS_OK);  // a stale day 19 lies at 1
+  EXPECT_EQ(Keys(0), (std::vector<std::string>{"20101118080000001300", "20101119080000001400"}));
   EXPECT_EQ(RecordOnDisk(0).dwChunks, 2u);
   EXPECT_EQ(RecordOnDisk(0).dwDays, 2u);
-  // Nothing is cut: the old second chunk's payload outlasts the new end.
-  EXPECT_EQ(ReadAll(Path(0, ".CDT"), 134).substr(92), Bytes(42, 'a'));
-
-  Table expected;
-  _tagFSBSKTBL& d18 = Day(expected, 0, 18);
-  d18.dwHour[1][8] = d18.dwMinute[1][8][0] = 0x02000003;
-  _tagFSBSKTBL& d19 = Day(expected, 1, 19);
-  d19.dwHour[1][8] = d19.dwMinute[1][8][0] = 0x02000004;
-  expected.resize(4, _tagFSBSKTBL{});
-  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) == Raw(expected));
+  EXPECT_TRUE(ReadAll(Path(0, ".CDT"), data.size()).substr(92) == data.substr(92));
+  EXPECT_TRUE(ReadAll(Path(0, ".CTA")) == Tables(2, {{0, 18, 1, 8, 0, 0x02000003, 0x02000003},
+                                                      {1, 19, 1, 8, 0, 0x02000004, 0x02000004}}) +
+                                               table.substr(2 * kDay));
 }
 
 }  // namespace
