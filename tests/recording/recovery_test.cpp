@@ -87,6 +87,18 @@ const Harm kHarms[] = {
        Poke(index, Node(4) + 8, Word(0));
      },
      "FS000000.CIN at 233 : chunks entered again from the data file: 5"},
+    {"a right link torn, the write position ahead of the chunks", 10, 10,
+     [](Path index, Path data) {
+       Poke(index, Node(8) + 11, "\x01");
+       Poke(data, 8, Word(Chunk(12)));
+     },
+     "FS000000.CIN at 356 : lost links restored: 1"},
+    {"a stamp torn in a chunk whose node damage took", 10, 6,
+     [](Path index, Path data) {
+       std::filesystem::resize_file(index, Node(6) + 20);
+       Poke(data, Chunk(8) + 2, "\x8F");
+     },
+     "FS000000.CDT at 8 : write position 396 set to 244"},
     {"last three chunks never written", 10, 7,
      [](Path, Path data) { Poke(data, Chunk(7), Bytes(3 * kStride, '\0')); },
      "FS000000.CIN at 315 : nodes dropped, their chunks are not in the data file: 3"},
