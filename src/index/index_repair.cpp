@@ -303,8 +303,10 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   if (data && room != 0 && writePos > r.chunkEnd && writePos <= dataSize) {
     std::vector<std::pair<DWORD, _tagCHUNKHDR>> found;
     const bool spanned = record != nullptr && record->stLast.wYear != 0;
-    const molra::KeyText ceiling = spanned ? KeyOf(record->stLast, 0) : molra::KeyText{};
-    molra::KeyText floor = spanned ? KeyOf(record->stFirst, 0) : molra::KeyText{};
+    const SYSTEMTIME first = spanned ? record->stFirst : SYSTEMTIME{};  // packed: copied
+    const SYSTEMTIME last = spanned ? record->stLast : SYSTEMTIME{};
+    const molra::KeyText ceiling = spanned ? KeyOf(last, 0) : molra::KeyText{};
+    molra::KeyText floor = spanned ? KeyOf(first, 0) : molra::KeyText{};
     if (kept != 0) std::memcpy(floor.text, nodes[kept - 1].cKey, kStampChars);
     DWORD at = r.chunkEnd;
     while (at < writePos) {
@@ -314,7 +316,8 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
           writePos - at - kChunkHead < chunk.dwLength) {
         break;
       }
-      const molra::KeyText key = KeyOf(chunk.stTime, 0);
+      const SYSTEMTIME stamp = chunk.stTime;
+      const molra::KeyText key = KeyOf(stamp, 0);
       if (std::memcmp(key.text, floor.text, kStampChars) < 0 ||
           (spanned && std::memcmp(key.text, ceiling.text, kStampChars) > 0)) {
         break;
