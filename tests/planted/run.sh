@@ -44,6 +44,7 @@ failing | sort >"$scratch/baseline"
 [ -s "$scratch/baseline" ] && { echo "failing without a plant (not counted):"; sed 's/^/  /' "$scratch/baseline"; }
 
 planted=0 caught=0 missed=0 bad=0
+: >"$scratch/caught"  # every plant with all the tests that caught it
 for patch in "$here"/[0-9]*.patch; do
   name=$(basename "$patch" .patch)
   if [ ${#only[@]} -gt 0 ]; then
@@ -65,6 +66,7 @@ for patch in "$here"/[0-9]*.patch; do
     else
       printf '%-40s | caught by: %s (%d tests failed)\n' "$name" \
         "$(printf '%s, ' "${fails[@]:0:3}" | sed 's/, $//')" ${#fails[@]}
+      echo "$name: ${fails[*]}" >>"$scratch/caught"
       caught=$((caught + 1))
     fi
   fi
