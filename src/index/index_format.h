@@ -67,6 +67,8 @@ static_assert(offsetof(_tagIDXNODE, cKey) == 21, "_tagIDXNODE layout");
 namespace molra {
 constexpr DWORD kRootOffset = sizeof(_tagIDXHDR);  // the first node, 28
 constexpr DWORD kNodeSize = sizeof(_tagIDXNODE);   // 41
+// The nodes an index as made has room for; no basket holds more.
+constexpr DWORD kRoomNodes = (kIndexFileSize - kRootOffset) / kNodeSize;
 constexpr WORD kIndexVersion = 256;
 
 // The header of an empty tree: its magic and version, nothing else.

@@ -29,8 +29,7 @@ constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
 // show), then about a megabyte.
 constexpr DWORD kFirstBlockNodes = 64 * 1024 / kNodeSize;
 constexpr DWORD kBlockNodes = 1024 * 1024 / kNodeSize;
-// The nodes that an index as made has room for; no basket holds more.
-constexpr DWORD kRoomNodes = (molra::kIndexFileSize - kRootOffset) / kNodeSize;
+using molra::kRoomNodes;
 // The characters of a key that come from the stamp alone: the two behind
 // them count saves of equal milliseconds.
 constexpr int kStampChars = 18;

@@ -240,7 +240,15 @@ int CMOLRA::CutOldest(DWORD b, const std::string& cutOff, _tagFSBSKINFO* info) {
   bool haveNode = index.ReadNode(&node, index.Header().dwFirst) != 0;
   if (haveNode && CFsIndex::CompareKey(node.cKey, cutKey.text, 8) <= 0) {
     DWORD offset = index.Header().dwFirst;
-    for (;;) {
+    for (DWORD steps = 0;; ++steps) {
+      // A walk longer than an index has room for goes round a loop that
+      // damage made: the basket stays as it is.
+      if (steps > molra::kRoomNodes) {
+        platform::SetLastError(platform::kErrorReadFault);
+        LogFailure("Basket Update -%dIDX Error Code:%d", b);
+        index.Close();
+        return 1;
+      }
       --count;
       DWORD found = 0;
       const _tagIDXNODE examined = node;
