@@ -302,10 +302,12 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   if (data && room != 0 && writePos > r.chunkEnd && writePos <= dataSize) {
     std::vector<std::pair<DWORD, _tagCHUNKHDR>> found;
     const bool spanned = record != nullptr && record->stLast.wYear != 0;
-    const SYSTEMTIME first = spanned ? record->stFirst : SYSTEMTIME{};  // packed: copied
-    const SYSTEMTIME last = spanned ? record->stLast : SYSTEMTIME{};
-    const molra::KeyText ceiling = spanned ? KeyOf(last, 0) : molra::KeyText{};
-    molra::KeyText floor = spanned ? KeyOf(first, 0) : molra::KeyText{};
+    molra::KeyText floor{}, ceiling{};
+    if (spanned) {
+      const SYSTEMTIME first = record->stFirst, last = record->stLast;  // packed: copied
+      floor = KeyOf(first, 0);
+      ceiling = KeyOf(last, 0);
+    }
     if (kept != 0) std::memcpy(floor.text, nodes[kept - 1].cKey, kStampChars);
     DWORD at = r.chunkEnd;
     while (at < writePos) {

@@ -33,7 +33,6 @@ constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
 constexpr DWORD kDayRecord = sizeof(_tagFSBSKTBL);
 constexpr DWORD kHourCells = offsetof(_tagFSBSKTBL, dwHour);
 constexpr DWORD kMinuteCells = offsetof(_tagFSBSKTBL, dwMinute);
-// The nodes that an index as made has room for; no basket holds more.
 // The characters of a key that come from the stamp, to the millisecond.
 constexpr size_t kStampChars = 18;
 constexpr int kAttempts = 6;
