@@ -70,6 +70,17 @@ constexpr DWORD kNodeSize = sizeof(_tagIDXNODE);   // 41
 // The nodes an index as made has room for; no basket holds more.
 constexpr DWORD kRoomNodes = (kIndexFileSize - kRootOffset) / kNodeSize;
 constexpr WORD kIndexVersion = 256;
+// The characters of a key that come from the stamp alone, to the
+// millisecond: the two behind them count saves of equal milliseconds.
+constexpr DWORD kStampChars = 18;
+
+// Where the node in `slot` starts, the slot of a node's offset, and whether
+// an offset is where a node starts.
+inline DWORD NodeAt(DWORD slot) { return kRootOffset + slot * kNodeSize; }
+inline DWORD NodeSlot(DWORD offset) { return (offset - kRootOffset) / kNodeSize; }
+inline bool OnNodeBoundary(DWORD offset) {
+  return offset >= kRootOffset && (offset - kRootOffset) % kNodeSize == 0;
+}
 
 // The header of an empty tree: its magic and version, nothing else.
 inline _tagIDXHDR EmptyIndexHeader() {

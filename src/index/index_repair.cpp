@@ -30,15 +30,6 @@ constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
 constexpr DWORD kFirstBlockNodes = 64 * 1024 / kNodeSize;
 constexpr DWORD kBlockNodes = 1024 * 1024 / kNodeSize;
 using molra::kRoomNodes;
-// The characters of a key that come from the stamp alone: the two behind
-// them count saves of equal milliseconds.
-constexpr int kStampChars = 18;
-
-DWORD At(DWORD slot) { return kRootOffset + slot * kNodeSize; }
-DWORD Slot(DWORD offset) { return (offset - kRootOffset) / kNodeSize; }
-bool OnBoundary(DWORD offset) {
-  return offset >= kRootOffset && (offset - kRootOffset) % kNodeSize == 0;
-}
 
 // A node as an insert writes it: a key of 20 digits, a parent link to a
 // node boundary, the chunk of a channel inside the data file. Its child
@@ -48,7 +39,7 @@ bool Whole(const _tagIDXNODE& node, DWORD dataSize) {
   for (const char c : node.cKey) {
     if (c < '0' || c > '9') return false;
   }
-  if (node.dwParent != 0 && !OnBoundary(node.dwParent)) return false;
+  if (node.dwParent != 0 && !OnNodeBoundary(node.dwParent)) return false;
   const signed char channel = node.Ref.cChannel;
   const DWORD offset = node.Ref.dwOffset;
   return channel >= 0 && channel < static_cast<signed char>(molra::kChannels) &&
@@ -142,11 +133,11 @@ Ends Replay(const std::vector<_tagIDXNODE>& nodes, DWORD count) {
   for (DWORD k = 1; k < count; ++k) {
     const DWORD parent = nodes[k].dwParent;
     if (parent == 0) {
-      ends.root = ends.first = At(k);
-    } else if (nodes[Slot(parent)].dwLeft == At(k)) {
-      ends.first = At(k);
+      ends.root = ends.first = NodeAt(k);
+    } else if (nodes[NodeSlot(parent)].dwLeft == NodeAt(k)) {
+      ends.first = NodeAt(k);
     } else {
-      ends.last = At(k);
+      ends.last = NodeAt(k);
     }
   }
   return ends;
@@ -156,13 +147,13 @@ Ends Replay(const std::vector<_tagIDXNODE>& nodes, DWORD count) {
 DWORD Reach(const std::vector<_tagIDXNODE>& nodes, DWORD count, DWORD root) {
   std::vector<char> reached(count, 0);
   DWORD total = 0;
-  reached[Slot(root)] = 1;
-  for (DWORD k = Slot(root); k < count; ++k) {
+  reached[NodeSlot(root)] = 1;
+  for (DWORD k = NodeSlot(root); k < count; ++k) {
     if (!reached[k]) continue;
     ++total;
     for (const bool left : {true, false}) {
       const DWORD child = Link(nodes[k], left);
-      if (child > At(k) && OnBoundary(child) && Slot(child) < count) reached[Slot(child)] = 1;
+      if (child > NodeAt(k) && OnNodeBoundary(child) && NodeSlot(child) < count) reached[NodeSlot(child)] = 1;
     }
   }
   return total;
@@ -183,7 +174,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   const bool valid = !m_bRebuilt && !m_bFreshened && molra::IsIndexHeader(head);
   // A valid header whose end lies on a node is believed as far as its
   // nodes bear it out; any other is rebuilt from the nodes.
-  const bool believed = valid && (head.dwEnd == 0 || OnBoundary(head.dwEnd));
+  const bool believed = valid && (head.dwEnd == 0 || OnNodeBoundary(head.dwEnd));
   // An empty tree: whatever lies behind the header is of an earlier cycle
   // or was erased. Unless the basket counts chunks of this cycle: then a
   // fresh header went over a damaged one, and the chunks that run from
@@ -198,7 +189,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   if (size < sizeof head || dataSize < kDataHead) return 0;
   const DWORD slots = (size - kRootOffset) / kNodeSize;
   const DWORD named = emptied    ? 0
-                      : believed ? Slot(head.dwEnd) + 1
+                      : believed ? NodeSlot(head.dwEnd) + 1
                                  : std::min(slots, kRoomNodes);
   const DWORD limit = std::min(named, slots);
 
@@ -214,11 +205,11 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
       const size_t from = nodes.size();
       const DWORD count = std::min(k == 0 ? kFirstBlockNodes : kBlockNodes, limit - k);
       nodes.resize(from + count);
-      if (!ReadAt(At(k), &nodes[from], count * kNodeSize)) return 0;
+      if (!ReadAt(NodeAt(k), &nodes[from], count * kNodeSize)) return 0;
     }
     _tagIDXNODE& node = nodes[k];
     if (!Whole(node, dataSize)) break;
-    const DWORD offset = At(k);
+    const DWORD offset = NodeAt(k);
     const DWORD parent = node.dwParent;
     if (k == 0) {
       // The first node is the root: its parent link is never followed.
@@ -234,7 +225,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
       }
     } else {
       if (parent >= offset) break;
-      _tagIDXNODE& up = nodes[Slot(parent)];
+      _tagIDXNODE& up = nodes[NodeSlot(parent)];
       if (up.dwLeft != offset && up.dwRight != offset) {
         // A lost link: the parent's side as the insert chose it, which
         // must still be free. A foreign header's tree ends here instead.
@@ -242,18 +233,18 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
         const bool left =
             (node.Ref.dwInfo & kTopBit) == 0 && CompareKey(node.cKey, up.cKey, -1) < 0;
         const DWORD there = Link(up, left);
-        if (there != 0 && OnBoundary(there)) break;
+        if (there != 0 && OnNodeBoundary(there)) break;
         SetLink(&up, left, offset);
         dirty.resize(nodes.size(), 0);
-        dirty[Slot(parent)] = 1;
+        dirty[NodeSlot(parent)] = 1;
         relinked(parent);
       }
     }
     kept = k + 1;
     for (const bool left : {true, false}) {
       const DWORD child = Link(node, left);
-      if (child > offset && OnBoundary(child) && child < At(limit) && linker[Slot(child)] == 0) {
-        linker[Slot(child)] = offset;
+      if (child > offset && OnNodeBoundary(child) && child < NodeAt(limit) && linker[NodeSlot(child)] == 0) {
+        linker[NodeSlot(child)] = offset;
       }
     }
   }
@@ -264,7 +255,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   const DWORD roomNamed = std::min(named, std::max(kRoomNodes, limit));
   if (believed && kept < roomNamed) {
     r.lost = roomNamed - kept;
-    r.lostFrom = At(kept);
+    r.lostFrom = NodeAt(kept);
   }
 
   // Every node must name the chunk that the data file holds where the
@@ -284,7 +275,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
     r.chunkEnd = end;
     if (holding < kept) {
       r.dropped = kept - holding;
-      r.droppedFrom = At(holding);
+      r.droppedFrom = NodeAt(holding);
       kept = holding;
     }
     nodes.resize(kept);
@@ -332,7 +323,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
       int lastMs = kept != 0 ? Digits(nodes[kept - 1].cKey + 14, 4) : -1;
       int sequence = kept != 0 ? Digits(nodes[kept - 1].cKey + 18, 2) : 0;
       r.reentered = static_cast<DWORD>(found.size());
-      r.reenteredFrom = At(kept);
+      r.reenteredFrom = NodeAt(kept);
       for (const auto& [offset, chunk] : found) {
         const SYSTEMTIME t = chunk.stTime;
         // The sequence as the saves counted it: up at equal milliseconds.
@@ -347,9 +338,9 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
         if (slot != 0) {
           // Appended behind the append point, as a save appends.
           node.dwParent = last;
-          nodes[Slot(last)].dwRight = At(slot);
-          dirty[Slot(last)] = 1;
-          last = At(slot);
+          nodes[NodeSlot(last)].dwRight = NodeAt(slot);
+          dirty[NodeSlot(last)] = 1;
+          last = NodeAt(slot);
         }
         nodes.push_back(node);
         dirty.push_back(1);
@@ -361,18 +352,18 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
 
   // Links out of the tree go, but for the one to the slot behind an
   // intact end: an insert cut before its header leaves that one.
-  const DWORD spared = believed && sameNodes ? At(named) : 0;
+  const DWORD spared = believed && sameNodes ? NodeAt(named) : 0;
   for (DWORD k = 0; k < kept; ++k) {
     for (const bool left : {true, false}) {
       const DWORD child = Link(nodes[k], left);
       if (child == 0 || child == spared) continue;
-      const bool inTree = child > At(k) && OnBoundary(child) && Slot(child) < kept &&
-                          (nodes[Slot(child)].dwParent == At(k) ||
-                           nodes[Slot(child)].dwParent == 0);
+      const bool inTree = child > NodeAt(k) && OnNodeBoundary(child) && NodeSlot(child) < kept &&
+                          (nodes[NodeSlot(child)].dwParent == NodeAt(k) ||
+                           nodes[NodeSlot(child)].dwParent == 0);
       if (inTree) continue;
       SetLink(&nodes[k], left, 0);
       dirty[k] = 1;
-      if (r.cleared++ == 0) r.clearedAt = At(k);
+      if (r.cleared++ == 0) r.clearedAt = NodeAt(k);
     }
   }
 
@@ -381,14 +372,14 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   h.dwOpen = believed ? head.dwOpen : 1;
   if (kept != 0) {
     const Ends ends = Replay(nodes, kept);
-    const bool aged = believed && head.dwRoot != kRootOffset && OnBoundary(head.dwRoot) &&
-                      Slot(head.dwRoot) < kept && nodes[Slot(head.dwRoot)].dwParent == 0;
-    h.dwEnd = At(kept - 1);
+    const bool aged = believed && head.dwRoot != kRootOffset && OnNodeBoundary(head.dwRoot) &&
+                      NodeSlot(head.dwRoot) < kept && nodes[NodeSlot(head.dwRoot)].dwParent == 0;
+    h.dwEnd = NodeAt(kept - 1);
     h.dwLast = ends.last;
     if (aged) {
       // Ageing moved the front and counted what it kept: both stay.
       h.dwRoot = head.dwRoot;
-      h.dwFirst = OnBoundary(head.dwFirst) && Slot(head.dwFirst) < kept ? head.dwFirst : h.dwRoot;
+      h.dwFirst = OnNodeBoundary(head.dwFirst) && NodeSlot(head.dwFirst) < kept ? head.dwFirst : h.dwRoot;
       h.dwCount = sameNodes ? head.dwCount : Reach(nodes, kept, h.dwRoot);
     } else {
       h.dwRoot = ends.root;
@@ -401,7 +392,7 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
   r.rebuilt = !believed && r.headerChanged;
   r.kept = kept;
   for (DWORD k = kept; k-- > 0;) {
-    if (dirty[k]) r.nodes.emplace_back(At(k), nodes[k]);
+    if (dirty[k]) r.nodes.emplace_back(NodeAt(k), nodes[k]);
   }
   return 1;
 }

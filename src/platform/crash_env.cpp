@@ -230,12 +230,7 @@ CrashEnv::Outcome CrashEnv::Settle(std::uint64_t seed) {
 
 std::unique_ptr<File> CrashEnv::OpenFile(const char* path, Access access, unsigned share,
                                          Disposition disposition) {
-  const bool exists = m_target->Exists(path);
-  if (ChangesFail() && (disposition == Disposition::kCreateAlways ||
-                        (disposition == Disposition::kOpenAlways && !exists))) {
-    SetLastError(kErrorWriteFault);
-    return nullptr;
-  }
+  if (!MayOpen(path, disposition)) return nullptr;
   std::unique_ptr<File> file = m_target->OpenFile(path, access, share, disposition);
   if (!file) return nullptr;
   const std::string key = KeyOf(path);
@@ -244,37 +239,9 @@ std::unique_ptr<File> CrashEnv::OpenFile(const char* path, Access access, unsign
 }
 
 bool CrashEnv::RemoveFile(const char* path) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  if (!m_target->RemoveFile(path)) return false;
+  if (!PowerCutEnv::RemoveFile(path)) return false;
   Durable(KeyOf(path));
   return true;
-}
-
-bool CrashEnv::MakeDirectory(const char* path) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  return m_target->MakeDirectory(path);
-}
-
-bool CrashEnv::SetAttributes(const char* path, DWORD attributes) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  return m_target->SetAttributes(path, attributes);
-}
-
-bool CrashEnv::AppendText(const char* path, const char* text) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  return m_target->AppendText(path, text);
 }
 
 }  // namespace platform

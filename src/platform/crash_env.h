@@ -21,14 +21,14 @@
 #include <string>
 #include <vector>
 
-#include "platform/env.h"
+#include "platform/power_cut_env.h"
 
 namespace molra {
 namespace platform {
 
-class CrashEnv : public EnvWrapper {
+class CrashEnv : public PowerCutEnv {
  public:
-  explicit CrashEnv(Env* target = Env::Default()) : EnvWrapper(target) {}
+  explicit CrashEnv(Env* target = Env::Default()) : PowerCutEnv(target) {}
 
   // Write n (counted by Write and WriteAt, the first after this call is
   // 1) and everything after it fail; 0 cuts nothing.
@@ -59,9 +59,6 @@ class CrashEnv : public EnvWrapper {
   std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
                                  Disposition disposition) override;
   bool RemoveFile(const char* path) override;
-  bool MakeDirectory(const char* path) override;
-  bool SetAttributes(const char* path, DWORD attributes) override;
-  bool AppendText(const char* path, const char* text) override;
 
  private:
   struct Write {
@@ -75,7 +72,7 @@ class CrashEnv : public EnvWrapper {
     std::vector<Write> writes;
   };
 
-  bool ChangesFail() const;
+  bool ChangesFail() const override;
 
   mutable std::mutex m_mutex;  // guards everything below
   DWORD m_writes = 0;

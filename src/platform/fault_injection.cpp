@@ -219,46 +219,14 @@ bool FaultInjectionEnv::ReadFails(DWORD* error) {
 std::unique_ptr<File> FaultInjectionEnv::OpenFile(const char* path, Access access,
                                                   unsigned share,
                                                   Disposition disposition) {
-  // Without power no file comes into being, nor is one cut.
-  if (ChangesFail() && (disposition == Disposition::kCreateAlways ||
-                        (disposition == Disposition::kOpenAlways && !m_target->Exists(path)))) {
-    SetLastError(kErrorWriteFault);
-    return nullptr;
-  }
+  if (!MayOpen(path, disposition)) return nullptr;
   std::unique_ptr<File> file = m_target->OpenFile(path, access, share, disposition);
   if (!file) return nullptr;
   return std::unique_ptr<File>(new FaultyFile(std::move(file), this, path));
 }
 
-bool FaultInjectionEnv::RemoveFile(const char* path) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  return m_target->RemoveFile(path);
-}
-
-bool FaultInjectionEnv::MakeDirectory(const char* path) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  return m_target->MakeDirectory(path);
-}
-
-bool FaultInjectionEnv::SetAttributes(const char* path, DWORD attributes) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
-  return m_target->SetAttributes(path, attributes);
-}
-
 bool FaultInjectionEnv::AppendText(const char* path, const char* text) {
-  if (ChangesFail()) {
-    SetLastError(kErrorWriteFault);
-    return false;
-  }
+  if (!Powered()) return false;
   if (!TakeRoom(path, std::strlen(text))) {
     SetLastError(kErrorDiskFull);
     return false;

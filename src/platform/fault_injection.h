@@ -10,14 +10,14 @@
 #include <mutex>
 #include <string>
 
-#include "platform/env.h"
+#include "platform/power_cut_env.h"
 
 namespace molra {
 namespace platform {
 
-class FaultInjectionEnv : public EnvWrapper {
+class FaultInjectionEnv : public PowerCutEnv {
  public:
-  explicit FaultInjectionEnv(Env* target = Env::Default()) : EnvWrapper(target) {}
+  explicit FaultInjectionEnv(Env* target = Env::Default()) : PowerCutEnv(target) {}
 
   // The write count starts again at each of the two calls below. Writes
   // are counted by File::Write only; the first write after the call is
@@ -52,7 +52,7 @@ class FaultInjectionEnv : public EnvWrapper {
   // Counts one write; true when it is to fail.
   bool WriteFails();
   // True once the power is cut: every change to the disk then fails.
-  bool ChangesFail() const { return m_powerCut.load(); }
+  bool ChangesFail() const override { return m_powerCut.load(); }
   // True (with the error) when this close is to fail.
   bool CloseFails(DWORD* error);
   // True (with the error) when this read is to fail.
@@ -63,9 +63,6 @@ class FaultInjectionEnv : public EnvWrapper {
 
   std::unique_ptr<File> OpenFile(const char* path, Access access, unsigned share,
                                  Disposition disposition) override;
-  bool RemoveFile(const char* path) override;
-  bool MakeDirectory(const char* path) override;
-  bool SetAttributes(const char* path, DWORD attributes) override;
   bool AppendText(const char* path, const char* text) override;
 
  private:

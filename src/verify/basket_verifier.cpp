@@ -33,8 +33,6 @@ constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
 constexpr DWORD kDayRecord = sizeof(_tagFSBSKTBL);
 constexpr DWORD kHourCells = offsetof(_tagFSBSKTBL, dwHour);
 constexpr DWORD kMinuteCells = offsetof(_tagFSBSKTBL, dwMinute);
-// The characters of a key that come from the stamp, to the millisecond.
-constexpr size_t kStampChars = 18;
 constexpr int kAttempts = 6;
 // A save takes well under this; a recorder's basket that shows no change
 // over it has no save under way.
@@ -43,12 +41,6 @@ constexpr DWORD kRestMs = 50;
 // more than kGap of payload lies between two of them.
 constexpr DWORD kBlock = 1024 * 1024;
 constexpr DWORD kGap = 64 * 1024;
-
-DWORD At(DWORD slot) { return kRootOffset + slot * kNodeSize; }
-DWORD Slot(DWORD offset) { return (offset - kRootOffset) / kNodeSize; }
-bool OnBoundary(DWORD offset) {
-  return offset >= kRootOffset && (offset - kRootOffset) % kNodeSize == 0;
-}
 
 std::string StampKey(const SYSTEMTIME& t) {
   return std::string(
@@ -274,8 +266,8 @@ void BasketCheck::ReadIndex() {
   const bool valid = h.cMagic[0] == 'Y' && h.cMagic[1] == 'K' && h.wVersion == 256;
   // The nodes the header names, read after it; a foreign header has the
   // whole room read, so that the tree behind it can be told.
-  std::uint64_t want = At(kRoomNodes);
-  if (valid) want = h.dwEnd == 0 || !OnBoundary(h.dwEnd) ? 0 : std::uint64_t{h.dwEnd} + kNodeSize;
+  std::uint64_t want = NodeAt(kRoomNodes);
+  if (valid) want = h.dwEnd == 0 || !OnNodeBoundary(h.dwEnd) ? 0 : std::uint64_t{h.dwEnd} + kNodeSize;
   want = std::min<std::uint64_t>(want, m_indexSize);
   m_indexBytes = m_index.ReadBlock(0, static_cast<DWORD>(want));
   m_indexBytes.resize(std::max<size_t>(m_indexBytes.size(), sizeof h));
@@ -357,12 +349,12 @@ void BasketCheck::CheckIndex() {
     NoteRollover();
     return;
   }
-  if (!OnBoundary(h.dwEnd)) {
+  if (!OnNodeBoundary(h.dwEnd)) {
     m_report->Add(m_cin, offsetof(_tagIDXHDR, dwEnd),
                   Say("dwEnd %u is not on a node boundary (28 + 41k)", h.dwEnd));
     return;
   }
-  const DWORD limit = std::min(Slot(h.dwEnd) + 1,
+  const DWORD limit = std::min(NodeSlot(h.dwEnd) + 1,
                                static_cast<DWORD>((m_indexBytes.size() - kRootOffset) / kNodeSize));
   if (m_moving) {
     // Links set by saves that came after the header was read lead past
@@ -371,7 +363,7 @@ void BasketCheck::CheckIndex() {
     const std::uint64_t beyond = std::uint64_t{h.dwEnd} + kNodeSize;
     for (DWORD k = 0; k < limit; ++k) {
       for (const size_t field : {offsetof(_tagIDXNODE, dwLeft), offsetof(_tagIDXNODE, dwRight)}) {
-        BYTE* link = m_indexBytes.data() + At(k) + field;
+        BYTE* link = m_indexBytes.data() + NodeAt(k) + field;
         DWORD to = 0;
         std::memcpy(&to, link, sizeof to);
         if (to > beyond) std::memset(link, 0, sizeof to);
@@ -384,9 +376,9 @@ void BasketCheck::CheckIndex() {
     std::memcpy(m_nodes.data(), m_indexBytes.data() + kRootOffset, m_nodes.size() * kNodeSize);
   }
   // Ageing moved the front: the basket's span begins at the root it names.
-  if (h.dwRoot != kRootOffset && OnBoundary(h.dwRoot) && Slot(h.dwRoot) < m_nodes.size() &&
-      m_nodes[Slot(h.dwRoot)].dwParent == 0) {
-    m_front = Slot(h.dwRoot);
+  if (h.dwRoot != kRootOffset && OnNodeBoundary(h.dwRoot) && NodeSlot(h.dwRoot) < m_nodes.size() &&
+      m_nodes[NodeSlot(h.dwRoot)].dwParent == 0) {
+    m_front = NodeSlot(h.dwRoot);
   }
   ReportRepair();
   CheckKeyOrder();
@@ -456,8 +448,8 @@ void BasketCheck::CheckKeyOrder() {
     const _tagIDXNODE& parent = m_nodes[k];
     for (const bool left : {true, false}) {
       const DWORD link = left ? parent.dwLeft : parent.dwRight;
-      if (link <= At(k) || !OnBoundary(link) || Slot(link) >= kept) continue;
-      const _tagIDXNODE& child = m_nodes[Slot(link)];
+      if (link <= NodeAt(k) || !OnNodeBoundary(link) || NodeSlot(link) >= kept) continue;
+      const _tagIDXNODE& child = m_nodes[NodeSlot(link)];
       const int order = CFsIndex::CompareKey(child.cKey, parent.cKey, -1);
       const DWORD info = child.Ref.dwInfo;
       if (left ? order < 0 : order > 0 || (info & kTopBit) != 0) continue;
@@ -465,7 +457,7 @@ void BasketCheck::CheckKeyOrder() {
           m_cin, link,
           Say("this node (key %.20s) hangs to the %s of the node at %u (key %.20s) "
               "without sorting %s it%s",
-              child.cKey, left ? "left" : "right", At(k), parent.cKey, left ? "before" : "after",
+              child.cKey, left ? "left" : "right", NodeAt(k), parent.cKey, left ? "before" : "after",
               left ? "" : ", and lacks the top bit of dwInfo that appends unseen"),
           "nodes out of key order");
     }
@@ -491,7 +483,7 @@ void BasketCheck::CheckChunks() {
   for (size_t i = 0; i < order.size();) {
     const DWORD start = order[i].first;
     if (start < kDataHead || start > last || m_dataSize < kChunkHead) {
-      m_report->Add(m_cin, At(order[i].second),
+      m_report->Add(m_cin, NodeAt(order[i].second),
                     Say("this node names a chunk at %u, outside the %u-byte data file %s", start,
                         m_dataSize, m_cdt.c_str()),
                     "nodes naming chunks outside the data file");
@@ -527,7 +519,7 @@ void BasketCheck::CheckChunks() {
         m_report->Add(m_cdt, offset,
                       Say("the chunk header here (channel %d, %s, dwInfo 0x%08X) is not the one "
                           "that the node at %u of %s names (channel %d, key %.20s, dwInfo 0x%08X)",
-                          channel, StampText(stamp).c_str(), info, At(slot), m_cin.c_str(),
+                          channel, StampText(stamp).c_str(), info, NodeAt(slot), m_cin.c_str(),
                           nodeChannel, node.cKey, nodeInfo),
                       "chunk headers that disagree with their nodes");
         continue;
@@ -546,7 +538,7 @@ void BasketCheck::CheckChunks() {
         m_report->Add(m_cdt, offset,
                       Say("the chunk here (of the node at %u) begins inside the chunk at %u (of "
                           "the node at %u)",
-                          At(slot), prevOffset, At(prevSlot)),
+                          NodeAt(slot), prevOffset, NodeAt(prevSlot)),
                       "chunks that overlap");
       }
       prevEnd = stop;
@@ -555,7 +547,7 @@ void BasketCheck::CheckChunks() {
       // The save that wrote the last node may not have moved the write
       // position yet: it then stands at that node's chunk.
       const bool pending = m_moving || m_rolling;
-      if (pending && At(slot) == m_header.dwEnd && m_head.dwWritePos == offset) continue;
+      if (pending && NodeAt(slot) == m_header.dwEnd && m_head.dwWritePos == offset) continue;
       if (stop > furthest) {
         furthest = static_cast<DWORD>(stop);
         furthestSlot = slot;
@@ -567,7 +559,7 @@ void BasketCheck::CheckChunks() {
     m_report->Add(m_cdt, offsetof(_tagDATAHDR, dwWritePos),
                   Say("write position %u lies before the end %u of the chunk at %u that the "
                       "node at %u names",
-                      writePos, furthest, m_nodes[furthestSlot].Ref.dwOffset, At(furthestSlot)));
+                      writePos, furthest, m_nodes[furthestSlot].Ref.dwOffset, NodeAt(furthestSlot)));
   }
 }
 
@@ -689,7 +681,7 @@ void BasketCheck::CheckPresence(bool lag) {
   const DWORD kept = static_cast<DWORD>(m_nodes.size());
   for (DWORD k = m_front; k < kept; ++k) {
     // The save that wrote the last node may be writing its cells now.
-    if (!m_agrees[k] || (m_moving && At(k) == m_header.dwEnd)) continue;
+    if (!m_agrees[k] || (m_moving && NodeAt(k) == m_header.dwEnd)) continue;
     const _tagIDXNODE& node = m_nodes[k];
     const char* key = node.cKey;
     const DWORD year = static_cast<DWORD>(Digits(key, 4));
@@ -709,7 +701,7 @@ void BasketCheck::CheckPresence(bool lag) {
       faults.push_back({k, m_days * kDayRecord,
                         Say("no day record for %04u-%02u-%02u among the %u in use, though the "
                             "node at %u of %s names a chunk of that day",
-                            year, month, day, m_days, At(k), m_cin.c_str()),
+                            year, month, day, m_days, NodeAt(k), m_cin.c_str()),
                         "chunks without a day record"});
       continue;
     }
@@ -728,12 +720,12 @@ void BasketCheck::CheckPresence(bool lag) {
         what =
             Say("the %s cell of channel %d at %02u:%02u is 0, though the node at %u of %s "
                 "names a chunk there (dwInfo 0x%08X)",
-                mark.name, channel, hour, minute, At(k), m_cin.c_str(), info);
+                mark.name, channel, hour, minute, NodeAt(k), m_cin.c_str(), info);
       } else if (events != 0 && ((cell >> 24) & events) == 0) {
         what =
             Say("the %s cell of channel %d at %02u:%02u holds 0x%08X, without any of the "
                 "event bits 0x%02X of the chunk of the node at %u of %s",
-                mark.name, channel, hour, minute, cell, events, At(k), m_cin.c_str());
+                mark.name, channel, hour, minute, cell, events, NodeAt(k), m_cin.c_str());
       } else {
         continue;
       }

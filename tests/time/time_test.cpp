@@ -189,18 +189,13 @@ TEST_F(ZoneTest, ChangeDaysBoundsAndTheRepeatedHour) {
   EXPECT_EQ(store->GetMaxDay(CTime(StampToTime(At(3, 1, 3)))), 28);  // still February here
 }
 
-TEST_F(ZoneTest, ZonesWithoutARuleShiftByTheBiasAlone) {
+// Zones without a rule are read hour by hour against the runtime below;
+// here what the runtime cannot show.
+TEST_F(ZoneTest, ZonesWithoutARuleHaveNoDaylightBiasAndEmptyStampsStayInAnyZone) {
   const TIME_ZONE_INFORMATION noRule = Zone(-540, -60, SYSTEMTIME{}, SYSTEMTIME{});
-  auto store = StoreIn(noRule);
-  EXPECT_EQ(store->GetTimeZoneInfo().DaylightBias, 0);
-  for (int flag = 0; flag <= 1; ++flag) {
-    EXPECT_STAMP(Utc(*store, At(7, 1, 3), flag), At(6, 30, 18));
-    EXPECT_STAMP(Local(*store, At(12, 31, 20), flag), At(1, 1, 5, 0, 2011));
-    EXPECT_EQ(store->CheckDST(CTime(2010, 7, 1, 0, 0, 0, -1), flag), 0);
-  }
+  EXPECT_EQ(StoreIn(noRule)->GetTimeZoneInfo().DaylightBias, 0);
+  EXPECT_STAMP(Utc(*StoreIn(noRule), At(7, 1, 3), 0), At(6, 30, 18));
   EXPECT_EQ(StoreIn(Zone(-330, 0, {}, {}))->m_bOddBias, 1u);
-
-  // An empty stamp is refused in any zone.
   const SYSTEMTIME empty = At(7, 1, 12, 0, 0);
   for (const auto& zone : {kNorth, kSouth, noRule}) {
     auto any = StoreIn(zone);
