@@ -84,12 +84,20 @@ TEST_F(DayFileTest, FirstMarkLaysOutTheLocalMonthFromTodayAndLaterMarksOneByte) 
   m_clock = At(11, 17, 20);  // 18 November, 05:00 local
   platform::SetClock(&m_clock);
   InZone(-540);
+  // Old day files go by their last write before the first basket's local
+  // month, whatever their names say: a minute before June 1 local and long
+  // before; one written at June 1 and other files stay.
+  const std::string qs = Real('c', "FSDIR/QS/");
+  const std::pair<const char*, SYSTEMTIME> old[] = {
+      {"20100615.sti", At(5, 31, 14, 59)}, {"20100501.sti", At(5, 31, 15)},
+      {"20101231.sti", At(1, 1, 0, 0, 2009)}, {"20100101.txt", At(1, 1, 0, 0, 2009)}};
+  for (const auto& [name, written] : old) Written(qs + name, written);
   Probe store;
-  store.FirstBasketFrom(At(6, 20));
-  Written(Day(At(5, 1)), At(5, 1));
+  store.FirstBasketFrom(At(6, 20, 13));
   // The mark's own date gets no file: only the layout happens.
   EXPECT_EQ(store.SaveTimeWrite(At(11, 17, 20), 3), 0);
-  EXPECT_EQ(Files(), 14u);  // days 18 to 31, though November has 30; May's file gone
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(FileExists(qs + old[i].first), i % 2 == 1) << i;
+  EXPECT_EQ(Files(), 16u);  // days 18 to 31, though November has 30, and two old files
   for (int d = 18; d <= 31; ++d) EXPECT_EQ(ReadAll(Day(At(11, d))), Rows()) << d;
   EXPECT_EQ(Memory(store), Rows());
   EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5, 40), 3), 1);
@@ -104,22 +112,7 @@ TEST_F(DayFileTest, FirstMarkLaysOutTheLocalMonthFromTodayAndLaterMarksOneByte) 
   EXPECT_EQ(store.SaveTimeWrite(At(11, 18, 5), 3), 1);
   EXPECT_EQ(ReadAll(Today()), Bytes(81, 0) + "\x31");
   EXPECT_EQ(Memory(store), Rows('0', {{3, 5}}));
-  EXPECT_EQ(Files(), 15u);
-}
-
-TEST_F(DayFileTest, SaveTimeSetResetsNamedRowsAndNothingOutsideTheRowsIsTouched) {
-  CMOLRA store;
-  EXPECT_EQ(store.SaveTimeSet(0, -1), 1);
-  EXPECT_EQ(Memory(store), Bytes(400, 0));
-  EXPECT_EQ(store.SaveTimeSet(1, 15), 1);
-  EXPECT_EQ(Memory(store), Bytes(375, 0) + Rows('0').substr(375));
-  EXPECT_EQ(store.SaveTimeSet(1, -1), 1);
-  for (const auto& [channel, hour] : {std::pair<char, WORD>{-1, 5}, {16, 5}, {3, 24}}) {
-    EXPECT_EQ(store.SaveTimeWriteEx(At(11, 18, hour), channel), 0) << int{channel} << ' ' << hour;
-  }
-  EXPECT_EQ(store.SaveTimeSet(1, -2) + store.SaveTimeSet(1, 16), 0);
-  EXPECT_EQ(Memory(store), Rows('0'));
-  EXPECT_FALSE(fs::exists(Real('c', "FSDIR/QS")));
+  EXPECT_EQ(Files(), 17u);
 }
 
 // A mark is refused while another reads the day file; a read, while
@@ -142,42 +135,33 @@ TEST_F(DayFileTest, MarksAndReadsKeepOutOfEachOther) {
   EXPECT_EQ(store.SaveTimeLoad(At(11, 18)), 0);
 }
 
-TEST_F(DayFileTest, ARowThatFailsEndsTheLayoutButNotTheMark) {
+// A store not loaded has no first basket to date old files by: all stay.
+TEST_F(DayFileTest, ARowThatFailsEndsTheLayoutButNotTheMarkAndNoStoreLoadedKeepsOldFiles) {
+  Written(Day(At(5, 1)), At(5, 1));
   platform::ScopedFaultInjection faults;
   faults->FailWriteAt(20);  // the fourth row of the second file
   CMOLRA store;
   EXPECT_EQ(store.SaveTimeWrite(At(11, 19, 5), 3), 1);
   EXPECT_EQ(ReadAll(Day(At(11, 19))), Rows().substr(0, 75) + Bytes(6, 0) + "\x31");
   EXPECT_FALSE(FileExists(Day(At(11, 20))));
+  EXPECT_TRUE(FileExists(Day(At(5, 1))));
 }
 
-TEST_F(DayFileTest, OldFilesGoByLastWriteBeforeTheFirstBasketsLocalMonth) {
-  InZone(-540);
-  // Last written a minute before and at June 1 local, and long before,
-  // whatever their names say.
-  const std::pair<const char*, SYSTEMTIME> files[] = {{"20100615.sti", At(5, 31, 14, 59)},
-                                                      {"20100501.sti", At(5, 31, 15)},
-                                                      {"20101231.sti", At(1, 1, 0, 0, 2009)}};
-  const std::string qs = Real('c', "FSDIR/QS/");
-  for (const int month : {-1, 0, 6}) {  // of basket 0's first stamp; -1: a store not loaded
-    SCOPED_TRACE(month);
-    for (const auto& [name, written] : files) Written(qs + name, written);
-    Written(qs + "20100101.txt", At(1, 1, 0, 0, 2009));
-    Probe store;
-    if (month >= 0) store.FirstBasketFrom(At(static_cast<WORD>(month), 20, 13));
-    store.DeleteOldQSFiles();
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_EQ(FileExists(qs + files[i].first), month != 6 || i == 1) << i;
-    }
-    EXPECT_TRUE(FileExists(qs + "20100101.txt"));
-  }
-}
-
-TEST_F(DayFileTest, ReadsCopyWholeRowsOnlyAndTellTheHostWhyARowFailed) {
+// Rows in memory are reset by channel; nothing outside the rows is touched,
+// and no call about them makes a file.
+TEST_F(DayFileTest, SetResetsNamedRowsAndReadsCopyWholeRowsAndTellTheHostWhyARowFailed) {
   std::vector<std::string> boxes;
   platform::SetMessageBoxHook([&boxes](const char* text) { boxes.emplace_back(text); });
   CMOLRA store;
-  store.SaveTimeSet(1, -1);
+  EXPECT_EQ(store.SaveTimeSet(0, -1) + store.SaveTimeSet(1, 15), 2);
+  EXPECT_EQ(Memory(store), Bytes(375, 0) + Rows('0').substr(375));
+  EXPECT_EQ(store.SaveTimeSet(1, -1), 1);
+  for (const auto& [channel, hour] : {std::pair<char, WORD>{-1, 5}, {16, 5}, {3, 24}}) {
+    EXPECT_EQ(store.SaveTimeWriteEx(At(11, 18, hour), channel), 0) << int{channel} << ' ' << hour;
+  }
+  EXPECT_EQ(store.SaveTimeSet(1, -2) + store.SaveTimeSet(1, 16), 0);
+  EXPECT_EQ(Memory(store), Rows('0'));
+  EXPECT_FALSE(fs::exists(Real('c', "FSDIR/QS")));
   const Bytes file = Rows(0, {{3, 5}});
   Put(Today(), file.substr(0, 82));  // three rows whole, the fourth cut short
   Bytes rows(400, 'x');

@@ -1,5 +1,5 @@
 // The chunk index: the tree that inserts leave in the file, lookups and
-// walks over it, opening and closing, and what a cut insert leaves behind.
+// walks over it, and what an open makes of the head it finds.
 #include <array>
 #include <cstddef>
 #include <cstdio>
@@ -12,7 +12,6 @@
 #include "index/fs_index.h"
 #include "molra/platform.h"
 #include "platform/env.h"
-#include "platform/fault_injection.h"
 #include "support/temp_drives.h"
 
 using molra::detail::CFsIndex;
@@ -205,58 +204,6 @@ TEST_F(IndexTest, OpenFreshensAShortOrForeignHeadAndBelievesAValidOne) {
       .seekp(offsetof(_tagIDXHDR, dwRoot)).write("\x6e\0\0\0", 4);  // At(2)
   Fill({Key(9, 30, 5)}, "C:\\IX\\R.CIN");
   EXPECT_EQ(LinksAt(At(1), "R.CIN"), (Links{At(0), At(3), At(2)}));
-}
-
-TEST_F(IndexTest, AReaderClosingLeavesTheRecordersTreeAndAResetEmptiesIt) {
-  CFsIndex recorder, reader;
-  Fill(kChain, kPath, &recorder);
-  ASSERT_EQ(reader.Open(kPath, 2, 0), 1);
-  ASSERT_EQ(recorder.Insert(Key(9, 30, 30).c_str(), {}), 1);
-  ASSERT_EQ(reader.Close(), 1);
-  EXPECT_EQ(Head(), (Fields{0, At(0), At(3), At(0), At(3), 4}));
-
-  ASSERT_EQ(recorder.First(nullptr, nullptr), 1);  // a position in the tree about to go
-  ASSERT_EQ(recorder.Close(), 1);
-  ASSERT_EQ(recorder.Open(kPath, 2, 1), 1);
-  EXPECT_EQ(Head(), (Fields{1, 0, 0, 0, 0, 0}));
-  // The cursor outlives the open, and a step from it reads the nodes still
-  // in the file; no lookup of the empty tree finds them, nor moves it.
-  EXPECT_EQ(recorder.Next(nullptr, nullptr), 1);
-  EXPECT_EQ(recorder.First(nullptr, nullptr) + recorder.Last(nullptr, nullptr), 0);
-  for (const auto& k : kChain) EXPECT_EQ(recorder.Find(k.c_str(), nullptr, -1), 0) << k;
-  EXPECT_EQ(recorder.Cursor(), At(1));
-  ASSERT_EQ(recorder.Insert(Key(10, 0, 0).c_str(), {}), 1);
-  EXPECT_EQ(Head(), (Fields{1, At(0), At(0), At(0), At(0), 1}));
-  EXPECT_EQ(LinksAt(At(0)), (Links{0, 0, 0}));
-}
-
-TEST_F(IndexTest, ACutAppendLeavesTheOldTreeAndTheNextInsertTakesItsPlace) {
-  // Writes of one append: 1 the node, 2 the parent's link, 3 the header.
-  // Case 4 fails the node's write alone, with the power on.
-  for (const DWORD cut : {1u, 2u, 3u, 4u}) {
-    SCOPED_TRACE(cut);
-    const std::string name = std::to_string(cut) + ".CIN", path = "C:\\IX\\" + name;
-    Fill(kChain, path.c_str());
-    {
-      platform::ScopedFaultInjection faults;
-      CFsIndex index;
-      ASSERT_EQ(index.Open(path.c_str(), 2, 0), 1);
-      cut < 4 ? faults->CutPowerAtWrite(cut) : faults->FailWriteAt(1);
-      EXPECT_EQ(index.Insert(Key(9, 30, 30).c_str(), {}), cut == 3 ? 1 : 0);
-    }  // closed while the faults last
-    EXPECT_EQ(Head(name), (Fields{0, At(0), At(2), At(0), At(2), 3}));
-    EXPECT_EQ(LinksAt(At(2), name)[2], cut == 3 ? At(3) : 0);
-    CFsIndex index;
-    ASSERT_EQ(index.Open(path.c_str(), 2, 0), 1);
-    EXPECT_EQ(index.Find(Key(9, 30, 30).c_str(), nullptr, -1), cut == 3 ? 1 : 0);
-    for (const bool next : {true, false}) {  // a stray node leads nowhere
-      EXPECT_TRUE(cut == 3 || Walk(&index, next, At(3)) == To(-1, 0)) << next;
-    }
-    ASSERT_EQ(index.Insert(Key(9, 30, 40).c_str(), {}), 1);
-    EXPECT_EQ(Head(name), (Fields{0, At(0), At(3), At(0), At(3), 4}));
-    EXPECT_EQ(index.Find(Key(9, 30, 40).c_str(), nullptr, -1), 1);
-    EXPECT_EQ(index.Find(Key(9, 30, 30).c_str(), nullptr, -1), 0);
-  }
 }
 
 }  // namespace

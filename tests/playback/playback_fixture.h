@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "index/fs_index.h"
+#include "molra/platform.h"
 #include "store/store_probe.h"
 
 using molra::detail::CFsIndex;
@@ -32,6 +33,7 @@ constexpr Shot kNext{-1, {}};
 class PlaybackTest : public StoreTest {
  protected:
   void TearDown() override {
+    molra::platform::SetStrictChunks(false);
     player.CloseFS();
     recorder.CloseFS();
     StoreTest::TearDown();
@@ -47,18 +49,14 @@ class PlaybackTest : public StoreTest {
   static std::vector<BYTE> Payload(int channel, const SYSTEMTIME& t, DWORD length) {
     return std::vector<BYTE>(length, static_cast<BYTE>(channel * 60 + t.wSecond % 60));
   }
-  void Save(int channel, const SYSTEMTIME& t, bool key = false, DWORD length = 8,
-            Player* into = nullptr) {
+  void Save(int channel, const SYSTEMTIME& t, bool key = false, DWORD length = 8) {
     _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), key ? 0x10000u : 0u, length};
     std::vector<BYTE> payload = Payload(channel, t, length);
     DWORD remaining = 0;
-    ASSERT_EQ((into ? *into : recorder).SaveData(&chunk, payload.data(), &remaining, 0), FS_OK);
+    ASSERT_EQ(recorder.SaveData(&chunk, payload.data(), &remaining, 0), FS_OK);
   }
   // The next save goes to the next basket of the ring.
-  void NextBasket(Player* of = nullptr) {
-    Player& r = of ? *of : recorder;
-    r.Basket(r.GetFSInfo()->dwCurrent)->dwChunks = 70001;
-  }
+  void NextBasket() { recorder.Basket(recorder.GetFSInfo()->dwCurrent)->dwChunks = 70001; }
   void Play() { ASSERT_EQ(player.OpenFS(1), FS_OK); }
   // A store of `baskets` with these chunks saved in turn (kNext moves on a
   // basket), and the player on it when `play`.

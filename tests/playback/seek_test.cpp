@@ -1,7 +1,11 @@
-// Seeking a minute or a second: exact times only, the basket a shared
-// minute or second is played from, channel walks, damaged chunks.
+// Seeking a minute or a second: exact times only, refusals, the basket a
+// shared minute or second is played from, channel walks, damaged chunks
+// and a damaged tree.
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
+#include <fstream>
+#include <tuple>
 
 #include "molra/platform.h"
 #include "playback/playback_fixture.h"
@@ -11,10 +15,14 @@ namespace {
 
 using SeekTest = PlaybackTest;
 
-TEST_F(SeekTest, FindsExactMinutesAndSecondsOnly) {
+TEST_F(SeekTest, FindsExactMinutesAndSecondsOnlyAndFailsOnAStopOrAnUnreadablePayload) {
+  EXPECT_EQ(Seek(-1, At(10, 5, 0), false), "#6");  // never opened
   ASSERT_NO_FATAL_FAILURE(Lay(2, {{1, At(10, 5, 7, 100)}, {3, At(10, 5, 9)}, {1, At(10, 6, 0)},
                                   {1, At(10, 7, 30)}, {3, At(0, 0, 10, 0, 19)}, kNext,
-                                  {0, At(0, 0, 11, 0, 19)}, {7, At(0, 0, 12, 0, 19)}}, true));
+                                  {0, At(0, 0, 11, 0, 19)}, {7, At(0, 0, 12, 0, 19)}}));
+  _tagCHUNKHDR h{0, At(0, 0, 11, 0, 19), {}, -1, 0, 0};
+  EXPECT_EQ(recorder.ReadDataEx(&h, payload.data()), FS_ERR_MODE);
+  Play();
 
   EXPECT_EQ(Seek(-1, At(10, 5, 0), false), "c1 10:05:07");  // the minute's earliest, true second
   EXPECT_EQ(std::make_pair(player.readings, +player.m_stLastRead.wMilliseconds),
@@ -28,6 +36,22 @@ TEST_F(SeekTest, FindsExactMinutesAndSecondsOnly) {
   EXPECT_EQ(Seek(3, At(10, 5, 0), false), "c3 10:05:09");
   EXPECT_EQ(Seek(3, At(10, 6, 0), false), "c3 00:00:10");
   EXPECT_EQ(Seek(7, At(10, 5, 0), false), "#6");  // the next basket holds only the next day
+
+  // A stop: only the basket's opening looks for it.
+  player.SetExit(1);
+  EXPECT_EQ(Seek(-1, At(10, 5, 0), false), "#6");
+  EXPECT_EQ(Seek(-1, At(10, 5, 9), true), "#7");
+  player.SetExit(0);
+  // The last chunk's payload lies beyond the end of its file: a seek or a
+  // step to it fails, unlogged, and leaves the reader on it.
+  std::filesystem::resize_file(DataPath(1), Offset(1, 1) + sizeof(_tagCHUNKHDR) + 4);
+  EXPECT_EQ(Seek(-1, At(0, 0, 12, 0, 19), true), "#6");
+  EXPECT_EQ(player.m_stLastRead.wSecond, 12);
+  EXPECT_EQ(player.ReadDataEx2(&h, nullptr), FS_ERR_FILE);  // so is one with no room for it
+  EXPECT_EQ(Seek(-1, At(0, 0, 11, 0, 19), true), "c0 00:00:11");
+  EXPECT_EQ(Step(-1), "#2");
+  EXPECT_EQ(std::make_tuple(+player.m_stLastRead.wSecond, player.readings, DefectLog()),
+            std::make_tuple(12, 5, ""));
 
   // Local time: second 0 asks for the minute, any other for the second. An
   // hour ahead of UTC the stamp goes there and back, but not after a failure.
@@ -63,7 +87,7 @@ TEST_F(SeekTest, SharedMinuteIsPlayedFromTheOlderBasketSharedSecondFromTheCurren
   EXPECT_EQ(Seek(7, At(10, 5, 0), false), "#6");
 }
 
-TEST_F(SeekTest, DamagedChunksAreRefusedAndLogged) {
+TEST_F(SeekTest, DamagedChunksAreRefusedAndLoggedAndWalksRoundADamagedTreeEnd) {
   ASSERT_NO_FATAL_FAILURE(Make(1));
   for (WORD s = 0; s <= 6; ++s) Save(0, At(10, 0, s));
   Damage(0, 0, [](auto& h) { h.stTime.wDay = 31, h.stTime.wHour = 24, h.stTime.wSecond = 60; });
@@ -89,32 +113,15 @@ TEST_F(SeekTest, DamagedChunksAreRefusedAndLogged) {
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 6);
   EXPECT_NE(log.find("[11-18, 10:0:4]:[811009]\n"), std::string::npos);
 
-}
-
-TEST_F(SeekTest, RefusalsCancelsAndAnUnreadablePayload) {
-  _tagCHUNKHDR h{};
-  EXPECT_EQ(player.ReadDataEx(&h, payload.data()), FS_ERR_FILE);  // never opened
-  ASSERT_NO_FATAL_FAILURE(Lay(1, {{0, At(10, 0, 1)}, {0, At(10, 0, 2)}}));
-  EXPECT_EQ(recorder.ReadDataEx(&h, payload.data()), FS_ERR_MODE);
-  EXPECT_EQ(recorder.ReadFirstData(&h, payload.data(), 0), FS_ERR_MODE);
-  Play();
-  EXPECT_EQ(player.ReadFirstData(&h, payload.data(), 0), FS_ERR_FILE);
-  EXPECT_EQ(player.ReadLastData(&h, payload.data(), 0), FS_ERR_FILE);
-
-  player.SetExit(1);
-  EXPECT_EQ(Seek(-1, At(10, 0, 1), false), "#6");
-  EXPECT_EQ(Seek(-1, At(10, 0, 1), true), "#7");  // only the basket's opening looks
-  player.SetExit(0);
-
-  // The second chunk's payload lies beyond the end of its file.
-  std::filesystem::resize_file(DataPath(0), Offset(0, 1) + sizeof(_tagCHUNKHDR) + 4);
-  EXPECT_EQ(Seek(-1, At(10, 0, 2), true), "#6");
-  EXPECT_EQ(player.m_stLastRead.wSecond, 2);
-  EXPECT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
-  EXPECT_EQ(Step(-1), "#2");
-  EXPECT_EQ(player.m_stLastRead.wSecond, 2);  // the chunk that failed
-  EXPECT_EQ(player.readings, 1);
-  EXPECT_EQ(DefectLog(), "");
+  // The second node's right link leads back to the first: walks for a
+  // channel that is not there go round until they give up.
+  const DWORD first = molra::kRootOffset;
+  std::fstream(Real('d', "MOLRA/FS000000.CIN"), std::ios::in | std::ios::out | std::ios::binary)
+      .seekp(first + molra::kNodeSize + offsetof(_tagIDXNODE, dwRight))
+      .write(reinterpret_cast<const char*>(&first), sizeof first);
+  EXPECT_EQ(Seek(5, At(10, 0, 0), false), "#6");
+  ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:60:01");
+  EXPECT_EQ(Step(5), "#6");
 }
 
 }  // namespace

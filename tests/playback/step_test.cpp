@@ -1,38 +1,18 @@
 // Stepping through the ring: its seam and its ends, one-channel walks,
-// empty chunks, and a recorder in another process.
-#ifndef _WIN32
-#include <sys/wait.h>
-#include <unistd.h>
-#endif
-
-#include <cstddef>
-#include <fstream>
-
+// empty chunks, and where a failed seek leaves the reader.
 #include "molra/platform.h"
 #include "playback/playback_fixture.h"
 
 namespace molra_test {
 namespace {
 
-class StepTest : public PlaybackTest {
- protected:
-  // Baskets 1, 2 and 0 in ring order: basket 0 has been taken over again.
-  void MakeWrappedRing() {
-    ASSERT_NO_FATAL_FAILURE(Make(3));
-    Save(0, At(9, 0, 0));
-    for (WORD s = 1; s <= 6; s += 2) {
-      NextBasket();
-      Save(0, At(10, 0, s));
-      Save(1, At(10, 0, s + 1));
-    }
-    Play();
-    ASSERT_EQ(player.m_FsHdr.dwCurrent, 0u);
-    ASSERT_EQ(player.m_FsHdr.dwOldest, 1u);
-  }
-};
+using StepTest = PlaybackTest;
 
-TEST_F(StepTest, StepsCrossBasketsAndStopAtTheEndsOfTheRing) {
-  ASSERT_NO_FATAL_FAILURE(MakeWrappedRing());
+TEST_F(StepTest, StepsCrossBasketsStopAtTheEndsOfTheRingAndChannelWalksTakeMessages) {
+  // Baskets 1, 2 and 0 in ring order: basket 0 has been taken over again.
+  ASSERT_NO_FATAL_FAILURE(Lay(3, {{0, At(9, 0, 0)}, kNext, {0, At(10, 0, 1)}, {1, At(10, 0, 2)},
+                                  kNext, {0, At(10, 0, 3)}, {1, At(10, 0, 4)}, kNext,
+                                  {0, At(10, 0, 5)}, {1, At(10, 0, 6)}}, true));
   EXPECT_EQ(Step(-1), "#6");  // nothing to step from before a seek
 
   ASSERT_EQ(Seek(-1, At(10, 0, 3), true), "c0 10:00:03");
@@ -53,10 +33,8 @@ TEST_F(StepTest, StepsCrossBasketsAndStopAtTheEndsOfTheRing) {
   player.SetExit(1);
   EXPECT_EQ(Step(-1), "#7");
   player.SetExit(0);
-}
 
-TEST_F(StepTest, OneChannelWalksTakeAMessageAfterEachNode) {
-  ASSERT_NO_FATAL_FAILURE(MakeWrappedRing());
+  // A one-channel walk takes a message after each node it passes over.
   int messages = 0;
   molra::platform::SetMessageHook([&] { ++messages; });
   ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
@@ -89,19 +67,6 @@ TEST_F(StepTest, EmptyChunksPassButOnABackwardEntry) {
   EXPECT_EQ(Step(-1, false), "c2 10:00:01");
 }
 
-TEST_F(StepTest, AWalkRoundADamagedTreeEnds) {
-  ASSERT_NO_FATAL_FAILURE(Make(1));
-  for (WORD s = 1; s <= 3; ++s) Save(0, At(10, 0, s));
-  // The second node's right link leads back to the first.
-  const DWORD first = molra::kRootOffset;
-  std::fstream(Real('d', "MOLRA/FS000000.CIN"), std::ios::in | std::ios::out | std::ios::binary)
-      .seekp(first + molra::kNodeSize + offsetof(_tagIDXNODE, dwRight))
-      .write(reinterpret_cast<const char*>(&first), sizeof first);
-  Play();
-  ASSERT_EQ(Seek(-1, At(10, 0, 1), true), "c0 10:00:01");
-  EXPECT_EQ(Step(5), "#6");
-}
-
 TEST_F(StepTest, AFailedSeekLeavesTheReaderOnTheLastNodeItHandedOut) {
   // Key frames in two baskets, with a second missing inside each.
   ASSERT_NO_FATAL_FAILURE(Lay(2, {{0, At(10, 0, 1), true}, {1, At(10, 0, 3), true}, kNext,
@@ -110,63 +75,20 @@ TEST_F(StepTest, AFailedSeekLeavesTheReaderOnTheLastNodeItHandedOut) {
   // basket: the step goes on from that offset there.
   const struct {
     WORD found, missing;  // the seconds of a seek that finds, then of one that fails
-    const char *next, *prev, *skip;
+    const char* after[3];  // a step on, a step back, a skip
   } rows[] = {
-      {3, 2, "c0 10:00:05", "c0 10:00:01", "c0 10:00:05"},   // the same basket
-      {1, 6, "c1 10:00:07", "c1 10:00:03", "c1 10:00:07"},   // another basket
-      {3, 40, "c0 10:00:05", "c0 10:00:01", "c0 10:00:05"},  // no basket
+      {3, 2, {"c0 10:00:05", "c0 10:00:01", "c0 10:00:05"}},   // the same basket
+      {1, 6, {"c1 10:00:07", "c1 10:00:03", "c1 10:00:07"}},   // another basket
+      {3, 40, {"c0 10:00:05", "c0 10:00:01", "c0 10:00:05"}},  // no basket
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.found << " then " << row.missing);
     for (int move = 0; move < 3; ++move) {
       ASSERT_NE(Seek(-1, At(10, 0, row.found), true), "#6");
       ASSERT_EQ(Seek(-1, At(10, 0, row.missing), true), "#6");
-      EXPECT_EQ(move == 0 ? Step(-1) : move == 1 ? Step(-1, false) : Skip(1),
-                move == 0 ? row.next : move == 1 ? row.prev : row.skip);
+      EXPECT_EQ(move == 0 ? Step(-1) : move == 1 ? Step(-1, false) : Skip(1), row.after[move]);
     }
   }
-}
-
-// Runs `work` with a recorder of its own in a child process (on Windows,
-// with no fork, in this one).
-template <typename Work>
-bool InAnotherProcess(Work work) {
-  const auto run = [&work] {
-    Player recorder;
-    if (recorder.OpenFS(0) != FS_OK) return false;
-    work(&recorder);
-    return !::testing::Test::HasFailure();
-  };
-#ifdef _WIN32
-  return run();
-#else
-  const pid_t pid = ::fork();
-  if (pid == 0) ::_exit(run() ? 0 : 1);
-  int status = -1;
-  return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-         WEXITSTATUS(status) == 0;
-#endif
-}
-
-TEST_F(StepTest, AReaderSeesARecorderInAnotherProcessAfterASeekOrAReload) {
-  ASSERT_NO_FATAL_FAILURE(Lay(2, {{0, At(10, 0, 1), false, 1}, {0, At(10, 0, 2), false, 1}}));
-  recorder.CloseFS();
-  Play();
-  ASSERT_EQ(Seek(-1, At(10, 0, 2), true), "c0 10:00:02");
-
-  ASSERT_TRUE(InAnotherProcess([this](Player* r) { Save(1, At(10, 0, 2, 500), false, 1, r); }));
-  EXPECT_EQ(Step(-1), "#9");  // the basket's index as it stood when opened
-  EXPECT_EQ(Seek(1, At(10, 0, 2), true), "c1 10:00:02");  // a seek reads it afresh
-
-  ASSERT_TRUE(InAnotherProcess([this](Player* r) {
-    NextBasket(r);
-    Save(0, At(10, 0, 4), false, 1, r);
-  }));
-  EXPECT_EQ(Seek(-1, At(10, 0, 4), true), "#6");
-  EXPECT_EQ(Step(-1), "#9");  // the ring as last loaded
-  ASSERT_EQ(Seek(1, At(10, 0, 2), true), "c1 10:00:02");
-  player.CallLoadFSinfo();
-  EXPECT_EQ(Step(-1), "c0 10:00:04");
 }
 
 }  // namespace

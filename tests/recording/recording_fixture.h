@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,6 +33,7 @@ template <typename T>
 Bytes Raw(const T& v) {
   return Bytes(reinterpret_cast<const char*>(&v), sizeof v);
 }
+inline Bytes Word(DWORD v) { return Raw(v); }
 // Plain file I/O on a test drive, as a lost, torn or cut write leaves it.
 inline void Poke(const std::string& path, DWORD offset, const Bytes& bytes) {
   std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
@@ -74,8 +77,10 @@ class RecordingTest : public StoreTest {
   std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
   Bytes Rec(int n) const { return Catalogue().substr(kHead + n * kRec, kRec); }
   _tagFSBSKINFO RecordOnDisk(int n) const { return Get<_tagFSBSKINFO>(Rec(n), 0); }
+  // The catalogue and basket n's files, its data up to the sparse tail.
   std::vector<Bytes> Files(int n) const {
-    return {Catalogue(), ReadAll(Path(n, ".CIN")), ReadAll(Path(n, ".CTA"))};
+    return {Catalogue(), ReadAll(Path(n, ".CIN")), ReadAll(Path(n, ".CTA")),
+            ReadAll(Path(n, ".CDT"), 4096)};
   }
   std::vector<std::pair<std::string, _tagIDXREF>> Index(int n) const {
     std::vector<std::pair<std::string, _tagIDXREF>> entries;
@@ -96,10 +101,28 @@ class RecordingTest : public StoreTest {
   Recorder rec;
 };
 
+// Where chunk i lies in a data file of 8-byte chunks, and node i in an index.
+constexpr DWORD ChunkAt(int i) { return 16 + (sizeof(_tagCHUNKHDR) + 8) * i; }
+constexpr DWORD NodeAt(int i) { return 28 + 41 * i; }
+
 // A recorder and fresh players on a store that power cuts and failed
 // writes reach; chunks of 8 bytes, each a key frame.
 class DamageTest : public PlaybackTest {
  protected:
+  void Fresh() {
+    for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
+  }
+  // All of the store's files, the data files up to where chunks end.
+  std::map<std::string, Bytes> Files() const {
+    std::map<std::string, Bytes> files;
+    for (const char drive : {'c', 'd'}) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(Root(drive))) {
+        const std::string path = entry.path().generic_string();
+        if (entry.is_regular_file()) files[path] = ReadAll(path, 1 << 20);
+      }
+    }
+    return files;
+  }
   std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
   static LONG SaveWith(CMOLRA& store, int channel, const SYSTEMTIME& t, DWORD info = 0x10000) {
     _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), info, 8};

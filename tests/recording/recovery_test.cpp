@@ -2,7 +2,6 @@
 // one line in the status log and records on; a reader reads what it can
 // and writes nothing; an intact basket is only read.
 #include <filesystem>
-#include <map>
 
 #include "index/index_format.h"
 #include "platform/fault_injection.h"
@@ -12,9 +11,6 @@ namespace molra_test {
 namespace {
 
 constexpr DWORD kStride = sizeof(_tagCHUNKHDR) + 8;
-constexpr DWORD Chunk(int i) { return 16 + kStride * i; }  // in the data file
-constexpr DWORD Node(int i) { return 28 + 41 * i; }        // in the index
-Bytes Word(DWORD value) { return Raw(value); }
 // Chunk i: channel i mod 16, one a second from 10:00:00 on.
 SYSTEMTIME Time(int i) { return At(10, static_cast<WORD>(i / 60), static_cast<WORD>(i % 60)); }
 
@@ -27,17 +23,6 @@ class RecoveryTest : public DamageTest {
     for (int i = from; i < to; ++i) ASSERT_EQ(SaveWith(store, i % 16, Time(i)), FS_OK) << i;
   }
   std::string Seen(int i) { return DamageTest::Seen(i % 16, Time(i)); }
-  // All of the store's files, the data files up to where chunks end.
-  std::map<std::string, Bytes> Files() const {
-    std::map<std::string, Bytes> files;
-    for (const char drive : {'c', 'd'}) {
-      for (const auto& entry : std::filesystem::recursive_directory_iterator(Root(drive))) {
-        const std::string path = entry.path().generic_string();
-        if (entry.is_regular_file()) files[path] = ReadAll(path, 1 << 20);
-      }
-    }
-    return files;
-  }
 };
 
 using Path = const std::string&;
@@ -49,7 +34,7 @@ struct Harm {
 };
 
 const Harm kHarms[] = {
-    {"lost right link", 10, 10, [](Path index, Path) { Poke(index, Node(4) + 8, Word(0)); },
+    {"lost right link", 10, 10, [](Path index, Path) { Poke(index, NodeAt(4) + 8, Word(0)); },
      "FS000000.CIN at 192 : lost links restored: 1"},
     {"zeroed header", 10, 10, [](Path index, Path) { Poke(index, 0, Bytes(28, '\0')); },
      "FS000000.CIN at 0 : header rebuilt from its nodes, 10 kept"},
@@ -59,7 +44,7 @@ const Harm kHarms[] = {
      [](Path index, Path) { Poke(index, 4096, Bytes(4096, '\0')); },
      "FS000000.CIN at 4087 : chunks entered again from the data file: 31"},
     {"index cut in its nodes", 10, 10,
-     [](Path index, Path) { std::filesystem::resize_file(index, Node(6) + 20); },
+     [](Path index, Path) { std::filesystem::resize_file(index, NodeAt(6) + 20); },
      "FS000000.CIN at 274 : chunks entered again from the data file: 4"},
     {"index cut in its header", 10, 10,
      [](Path index, Path) { std::filesystem::resize_file(index, 20); },
@@ -80,34 +65,34 @@ const Harm kHarms[] = {
     {"a node of the last cycle left in slot 5, its link lost", 10, 10,
      [](Path index, Path data) {
        // That cycle's chunk lies further on, where this one has not come.
-       Poke(data, Chunk(40), Raw(_tagCHUNKHDR{1, At(9, 0, 5), {}, 5, 0x10000, 8}));
-       _tagIDXNODE node{Node(4), 0, Node(6), {5, 0x10000, Chunk(40)}, {}};
+       Poke(data, ChunkAt(40), Raw(_tagCHUNKHDR{1, At(9, 0, 5), {}, 5, 0x10000, 8}));
+       _tagIDXNODE node{NodeAt(4), 0, NodeAt(6), {5, 0x10000, ChunkAt(40)}, {}};
        std::memcpy(node.cKey, molra::MakeKey(2010, 11, 18, 9, 0, 5, 0, 0).text, 20);
-       Poke(index, Node(5), Raw(node));
-       Poke(index, Node(4) + 8, Word(0));
+       Poke(index, NodeAt(5), Raw(node));
+       Poke(index, NodeAt(4) + 8, Word(0));
      },
      "FS000000.CIN at 233 : chunks entered again from the data file: 5"},
     {"a right link torn, the write position ahead of the chunks", 10, 10,
      [](Path index, Path data) {
-       Poke(index, Node(8) + 11, "\x01");
-       Poke(data, 8, Word(Chunk(12)));
+       Poke(index, NodeAt(8) + 11, "\x01");
+       Poke(data, 8, Word(ChunkAt(12)));
      },
      "FS000000.CIN at 356 : lost links restored: 1"},
     {"a stamp torn in a chunk whose node damage took", 10, 6,
      [](Path index, Path data) {
-       std::filesystem::resize_file(index, Node(6) + 20);
-       Poke(data, Chunk(8) + 2, "\x8F");
+       std::filesystem::resize_file(index, NodeAt(6) + 20);
+       Poke(data, ChunkAt(8) + 2, "\x8F");
      },
      "FS000000.CDT at 8 : write position 396 set to 244"},
     {"last three chunks never written", 10, 7,
-     [](Path, Path data) { Poke(data, Chunk(7), Bytes(3 * kStride, '\0')); },
+     [](Path, Path data) { Poke(data, ChunkAt(7), Bytes(3 * kStride, '\0')); },
      "FS000000.CIN at 315 : nodes dropped, their chunks are not in the data file: 3"},
 };
 
 TEST_F(RecoveryTest, ARecordingOpenRepairsDamageWithOneLineAndRecordsOn) {
   for (const Harm& d : kHarms) {
     SCOPED_TRACE(d.name);
-    for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
+    Fresh();
     ASSERT_NO_FATAL_FAILURE(Make(1));
     ASSERT_NO_FATAL_FAILURE(SaveAll(recorder, 0, d.saved));
     recorder.CloseFS();
@@ -169,7 +154,7 @@ TEST_F(RecoveryTest, AReaderOfDamagedBasketsReadsWhatItCanAndWritesNothing) {
   recorder.CloseFS();
   Poke(Index(0), 0, Bytes(28, '\0'));  // reached by a seek from the current basket
   Poke(Index(1), 0, Bytes(28, '\0'));
-  Poke(DataPath(0), Chunk(5), Bytes(kStride, '\0'));  // basket 0's last chunk, never written
+  Poke(DataPath(0), ChunkAt(5), Bytes(kStride, '\0'));  // basket 0's last chunk, never written
   const std::map<std::string, Bytes> files = Files();
   std::vector<std::string> expected;
   for (int i = 0; i < 12; ++i) {

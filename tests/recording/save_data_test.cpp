@@ -10,11 +10,6 @@ namespace {
 
 class SaveDataTest : public RecordingTest {
  protected:
-  // A first chunk of milliseconds no test uses: the test's sequence starts at 0.
-  void MakePrimed() {
-    ASSERT_NO_FATAL_FAILURE(Make(1));
-    ASSERT_EQ(Save(15, On(1, 0, 0, 0, 998)), FS_OK);
-  }
   std::string Ring() const {  // "current/oldest" on disk
     const _tagFSHDR head = Get<_tagFSHDR>(Catalogue(), 0);
     return std::to_string(head.dwCurrent) + "/" + std::to_string(head.dwOldest);
@@ -22,43 +17,30 @@ class SaveDataTest : public RecordingTest {
   DWORD WritePosOnDisk(int n) const { return Get<DWORD>(ReadAll(Path(n, ".CDT"), 16), 8); }
 };
 
-TEST_F(SaveDataTest, RefusedChunksWriteNothingAndTakeNoSequenceNumber) {
+// Equal milliseconds count up across channels and seconds; from the 100th
+// repeat on only two digits reach the key, so it is refused unless appended.
+// A refused chunk writes nothing and takes no number.
+TEST_F(SaveDataTest, KeysCountRepeatsOfTheMillisecondThatRefusedChunksDoNotTake) {
   EXPECT_EQ(Save(0, On(18, 9, 30)), FS_ERR_MODE);  // never opened
-  ASSERT_NO_FATAL_FAILURE(MakePrimed());
-  ASSERT_EQ(Save(0, On(18, 9, 30, 15, 250)), FS_OK);
-  const auto files = [&] {  // all of basket 0 but the sparse tail of its data
-    std::vector<Bytes> files = Files(0);
-    files.push_back(ReadAll(Path(0, ".CDT"), 4096));
-    return files;
-  };
-  const std::vector<Bytes> before = files();
+  ASSERT_NO_FATAL_FAILURE(Make(1));
+  ASSERT_EQ(Save(15, On(1, 0, 0, 0, 998)), FS_OK);  // milliseconds no other save has
+  ASSERT_EQ(Save(0, On(18, 9, 30, 10, 500)), FS_OK);
+  const std::vector<Bytes> before = Files(0);
   const struct { signed char channel; WORD month, day, hour, minute; DWORD length; } rows[] = {
       {-1, 11, 18, 9, 30, 8}, {16, 11, 18, 9, 30, 8}, {0, 0, 18, 9, 30, 8},  {0, 13, 18, 9, 30, 8},
       {0, 11, 0, 9, 30, 8},   {0, 11, 32, 9, 30, 8},  {0, 11, 18, 24, 30, 8}, {0, 11, 18, 9, 60, 8},
       {0, 11, 18, 9, 30, molra::kMaxChunkLength + 1}};
   DWORD remaining = 12345;
   for (const auto& r : rows) {
-    EXPECT_EQ(Save(r.channel, {2010, r.month, 0, r.day, r.hour, r.minute, 15, 250}, 0x00010000,
+    EXPECT_EQ(Save(r.channel, {2010, r.month, 0, r.day, r.hour, r.minute, 11, 500}, 0x00010000,
                    r.length, &remaining),
               FS_ERR_PARAM)
         << +r.channel << " " << r.month << "-" << r.day << " " << r.hour << ":" << r.minute;
   }
   EXPECT_EQ(remaining, 12345u);
-  EXPECT_TRUE(files() == before);
-  ASSERT_EQ(Save(1, On(18, 9, 30, 16, 250)), FS_OK);
-  EXPECT_EQ(Keys(0).back(), "20101118093016025001");
-  rec.CloseFS();
-  EXPECT_EQ(Save(0, On(18, 9, 30)), FS_ERR_FILE);
-  ASSERT_EQ(rec.OpenFS(1), FS_OK);
-  EXPECT_EQ(Save(0, On(18, 9, 30)), FS_ERR_MODE);
-}
-
-// Equal milliseconds count up across channels and seconds; from the 100th
-// repeat on only two digits reach the key, so it is refused unless appended.
-TEST_F(SaveDataTest, KeysCountRepeatsOfTheMillisecond) {
-  ASSERT_NO_FATAL_FAILURE(MakePrimed());
+  EXPECT_TRUE(Files(0) == before);
   const struct { int channel; WORD second, ms; } saves[] = {
-      {0, 10, 500}, {3, 11, 500}, {0, 12, 500}, {0, 13, 7}, {1, 14, 500}};
+      {3, 11, 500}, {0, 12, 500}, {0, 13, 7}, {1, 14, 500}};
   for (const auto& s : saves) ASSERT_EQ(Save(s.channel, On(18, 9, 30, s.second, s.ms)), FS_OK);
   std::vector<std::string> entries;
   for (const auto& [key, ref] : Index(0)) entries.push_back(key + " " + std::to_string(ref.cChannel));
@@ -75,6 +57,10 @@ TEST_F(SaveDataTest, KeysCountRepeatsOfTheMillisecond) {
   ASSERT_EQ(keys.size(), 107u);
   EXPECT_EQ(keys[105], "20101118093015032199");
   EXPECT_EQ(keys[106], "20101118093015032110");
+  rec.CloseFS();
+  EXPECT_EQ(Save(0, On(18, 9, 30)), FS_ERR_FILE);
+  ASSERT_EQ(rec.OpenFS(1), FS_OK);
+  EXPECT_EQ(Save(0, On(18, 9, 30)), FS_ERR_MODE);
 }
 
 // stFirst and stLast follow stamps to the millisecond; bit 0 of dwFlags
@@ -140,27 +126,15 @@ INSTANTIATE_TEST_SUITE_P(
                       Edge{67000000, kMax, 1, true}, Edge{0xFFFFFFF0, kMax, 1, true},
                       Edge{8, kMax, 1, true}));
 
-TEST_F(SaveDataTest, AFullRingPushesTheOldestOn) {
-  ASSERT_NO_FATAL_FAILURE(Make(3));
-  ASSERT_EQ(Save(0, On(18, 9, 10, 0, 0)), FS_OK);
-  WORD ms = 1;
-  for (const char* ring : {"1/0", "2/0", "0/1", "1/2"}) {
-    Fill();
-    ASSERT_EQ(Save(0, On(18, 9, 10, 0, ms++)), FS_OK);
-    EXPECT_EQ(Ring(), ring);
-  }
-  EXPECT_EQ(Keys(0).size(), 1u);  // the last cycle's chunk is gone
-}
-
 // Before: baskets, current, oldest, broken ones; after: result, ring, baskets left, log line.
 struct Broken { LONG baskets; DWORD current, oldest; std::vector<int> broken;
                 LONG result; const char* ring; std::vector<int> left; const char* log; };
-class SaveDataBrokenBasket : public SaveDataTest, public ::testing::WithParamInterface<Broken> {};
+class SaveDataRing : public SaveDataTest, public ::testing::WithParamInterface<Broken> {};
 
-// A basket whose files do not open is taken out of the catalogue (not
-// deleted), and the one behind it is tried, four attempts in all; the
-// only basket stays.
-TEST_P(SaveDataBrokenBasket, RolloverErasesItAndTriesTheNext) {
+// A rollover into a full ring pushes the oldest on. A basket whose files do
+// not open is taken out of the catalogue (not deleted), and the one behind
+// it is tried, four attempts in all; the only basket stays.
+TEST_P(SaveDataRing, ARolloverPushesTheOldestOnAndTakesOutABasketThatDoesNotOpen) {
   const Broken& b = GetParam();
   ASSERT_NO_FATAL_FAILURE(Make(b.baskets));
   for (const int n : b.broken) {  // a directory where the index should be fails every open
@@ -181,12 +155,15 @@ TEST_P(SaveDataBrokenBasket, RolloverErasesItAndTriesTheNext) {
   EXPECT_EQ(paths, left);
   EXPECT_EQ(Ring(), b.ring);
   EXPECT_NE(Log().find(b.log), std::string::npos);
-  EXPECT_TRUE(FileExists(Path(b.broken[0], ".CDT")));
+  for (const int n : b.broken) EXPECT_TRUE(FileExists(Path(n, ".CDT"))) << n;
   EXPECT_EQ(Keys(b.left[rec.m_FsHdr.dwCurrent]).size(), b.result == FS_OK ? 1u : 0u);
 }
 INSTANTIATE_TEST_SUITE_P(
-    , SaveDataBrokenBasket,
+    , SaveDataRing,
     ::testing::Values(
+        Broken{3, 0, 0, {}, FS_OK, "1/0", {0, 1, 2}, ""},
+        Broken{3, 2, 0, {}, FS_OK, "0/1", {0, 1, 2}, ""},
+        Broken{3, 0, 1, {}, FS_OK, "1/2", {0, 1, 2}, ""},
         Broken{3, 0, 2, {1}, FS_OK, "1/0", {0, 2}, "File System - 1 Basket : D:\\MOLRA\\FS000002"},
         Broken{3, 1, 0, {2}, FS_OK, "0/1", {0, 1}, "File System - 0 Basket : D:\\MOLRA\\FS000000"},
         Broken{2, 0, 0, {1}, FS_OK, "0/0", {0}, "File System - 0 Basket : D:\\MOLRA\\FS000000"},

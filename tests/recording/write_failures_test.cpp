@@ -1,6 +1,7 @@
 // Failed writes: each write of each operation fails in turn. The operation
 // answers a failure (or the result it always gives), the failure reaches
 // the status log, and a fresh object finds every chunk stored before.
+#include <array>
 #include <functional>
 #include <memory>
 #include <set>
@@ -98,70 +99,65 @@ TEST_F(WriteFailuresTest, ASaveThatLosesAWriteSaysSoOrIsFoundAfterTheNext) {
   }
 }
 
-TEST_F(WriteFailuresTest, AgeingAndMarkingThatLoseAWriteKeepTheOtherBaskets) {
+// Housekeeping with each write failing in turn: every run gives one of the
+// call's answers and leaves the chunks of the baskets it spares found; once
+// a run gets through, the ring has its new shape.
+TEST_F(WriteFailuresTest, HousekeepingThatLosesAWriteKeepsTheOtherBaskets) {
   for (int i = 0; i < 12; ++i) ASSERT_EQ(SaveNext(), FS_OK);  // baskets 0, 1, 2
   recorder.CloseFS();
-  const size_t firstOfBasket1 = 4, firstOfBasket2 = 9;
-  // The oldest basket goes whole; until a run gets through, the next
-  // housekeeping call (a fresh object) finds it oldest still.
-  _tagFSBSKINFO info{};
-  FailEachWrite([&] { return Loaded()->GetOldestBasketInfoAndBasketControl(0, &info); },
-                [&](LONG result) {
-                  EXPECT_EQ(result, 1);
-                  ExpectStored(firstOfBasket1);
-                });
-  EXPECT_EQ(Loaded()->GetFSInfo()->dwOldest, 1u);
   const auto marker = Loaded();
-  FailEachWrite([&] { return marker->SaveTimeWrite(At(10, 0, 0), 3); },
-                [&](LONG result) { EXPECT_EQ(result, 1); });
-  // More baskets: a failure undoes the new ones, the old ones stay.
-  FailEachWrite(
-      [&] {
-        _tagBSKLOC more{4, 1};
-        return Loaded()->CreateFS(&more, 1);
-      },
-      [&](LONG result) {
-        EXPECT_TRUE(result == FS_OK || result == FS_ERR_CREATE || result == FS_ERR_CATALOG)
-            << result;
-        ExpectStored(firstOfBasket1);
-        EXPECT_TRUE(result != FS_OK || Loaded()->GetFSInfo()->dwBaskets == 5u);
-      });
-  // Blanking the tables of the baskets before the current one, and taking
-  // the first out: the current basket's chunks stay found.
-  ASSERT_EQ(recorder.OpenFS(0), FS_OK);
-  FailEachWrite([&] { return recorder.DelTBLSaveDataInfo("20101130", "1"); },
-                [&](LONG result) {
-                  EXPECT_EQ(result, FS_OK);
-                  ExpectStored(firstOfBasket2);
-                });
-  recorder.CloseFS();
-  // Until a run gets through, the list stays whole; then one basket less.
-  FailEachWrite([&] { return CMOLRA().DeleteBakset(0); },
-                [&](LONG result) {
-                  EXPECT_EQ(result, FS_OK);
-                  ExpectStored(firstOfBasket2);
-                });
-  EXPECT_EQ(Loaded()->GetFSInfo()->dwBaskets, 4u);
+  _tagFSBSKINFO info{};
+  _tagBSKLOC more{4, 1};
+  const struct {
+    std::function<LONG()> call;
+    std::set<LONG> answers;
+    bool open;                  // with the recorder open
+    size_t spared;              // the first chunk of the baskets spared
+    std::array<DWORD, 2> ring;  // baskets and the oldest once a run got through
+  } calls[] = {
+      {[&] { return marker->SaveTimeWrite(At(10, 0, 0), 3); }, {1}, false, 0, {4, 0}},
+      // The oldest basket goes whole; until a run gets through, the next
+      // call (a fresh object) finds it oldest still.
+      {[&] { return Loaded()->GetOldestBasketInfoAndBasketControl(0, &info); }, {1}, false, 4,
+       {4, 1}},
+      // More baskets: a failure undoes the new ones, the old ones stay.
+      {[&] { return Loaded()->CreateFS(&more, 1); }, {FS_OK, FS_ERR_CREATE, FS_ERR_CATALOG}, false,
+       4, {5, 1}},
+      // Blanking the tables of the baskets before the current one, and
+      // taking the first out: the current basket's chunks stay found.
+      {[&] { return recorder.DelTBLSaveDataInfo("20101130", "1"); }, {FS_OK}, true, 9, {5, 1}},
+      {[] { return CMOLRA().DeleteBakset(0); }, {FS_OK}, false, 9, {4, 1}},
+  };
+  for (const auto& c : calls) {
+    ASSERT_TRUE(!c.open || recorder.OpenFS(0) == FS_OK);
+    FailEachWrite(c.call, [&](LONG result) {
+      EXPECT_EQ(c.answers.count(result), 1u) << result;
+      ExpectStored(c.spared);
+    });
+    recorder.CloseFS();
+    const auto loaded = Loaded();
+    EXPECT_EQ((std::array<DWORD, 2>{loaded->GetFSInfo()->dwBaskets, loaded->GetFSInfo()->dwOldest}),
+              c.ring);
+  }
 }
 
+// A save's flushes under the interval set (0: never, unless the host asks),
+// a second later or not, and starting a new basket or not.
 TEST_F(WriteFailuresTest, TheFlushPolicyFlushesInOrderOnLeavingABasketAndAfterItsInterval) {
-  const auto saveAndFlushes = [&](bool nextBasket = false) {
+  const struct { DWORD interval; bool later, newBasket; const char* flushes; } saves[] = {
+      {0, false, false, ""}, {1, false, false, "CDT CIN CTA CFT"}, {1, false, false, ""},
+      {1, true, false, "CDT CIN CTA CFT"},
+      // The basket left first, then the save in the new one is within the second.
+      {1, false, true, "CDT CIN CTA CFT"}, {0, false, true, ""}};
+  for (const auto& s : saves) {
+    platform::SetFlushInterval(s.interval);
+    m_clock.wSecond += s.later ? 1 : 0;
+    platform::SetClock(&m_clock);
+    if (s.newBasket) m_saved = 4;  // the next save starts a new basket
     m_faults->Reset();
-    if (nextBasket) m_saved = 4;  // the next save starts a new basket
     EXPECT_EQ(SaveNext(), FS_OK);
-    return m_faults->Flushes();
-  };
-  EXPECT_EQ(saveAndFlushes(), "");  // never, unless the host asks
-  platform::SetFlushInterval(1);
-  EXPECT_EQ(saveAndFlushes(), "CDT CIN CTA CFT");
-  EXPECT_EQ(saveAndFlushes(), "");
-  m_clock.wSecond += 1;
-  platform::SetClock(&m_clock);
-  EXPECT_EQ(saveAndFlushes(), "CDT CIN CTA CFT");
-  // The basket left first, then the save in the new one is within the second.
-  EXPECT_EQ(saveAndFlushes(true), "CDT CIN CTA CFT");
-  platform::SetFlushInterval(0);
-  EXPECT_EQ(saveAndFlushes(true), "");
+    EXPECT_EQ(m_faults->Flushes(), s.flushes);
+  }
 }
 
 }  // namespace

@@ -43,11 +43,6 @@ TEST_F(HostileCallsTest, NullPointersGetAClearAnswer) {
                        player.GetSaveTimeInfo(2010, 11, 18, 0, nullptr, nullptr),
                        player.GetSaveMinuteInfo(2010, 11, 18, 10, 0, 0, nullptr, 1)})
     EXPECT_EQ(r, FS_ERR_PARAM);
-  // A seek with no room for the payload fails as an unreadable payload.
-  _tagCHUNKHDR h{};
-  h.stTime = t;
-  h.chChannel = -1;
-  EXPECT_EQ(player.ReadDataEx2(&h, nullptr), FS_ERR_FILE);
   SYSTEMTIME found{};
   const LONG zeros[] = {player.IntervalSystemTime(nullptr, &t, 4),
                         player.IntervalSystemTime(&t, nullptr, 4),

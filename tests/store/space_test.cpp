@@ -2,11 +2,8 @@
 // drives. A basket holds all its blocks once it is made; a refusal, a drive
 // that runs out of room or a write that fails undoes the new data files and
 // leaves the catalogue as it was.
-#ifdef _WIN32
-#include <windows.h>
-#else
+#ifndef _WIN32
 #include <sys/mount.h>
-#include <sys/stat.h>
 #endif
 
 #include <filesystem>
@@ -53,21 +50,6 @@ class CreateFsTest : public StoreTest {
     }
     EXPECT_EQ(store.calls, asked);
     EXPECT_EQ(Catalogue(), CatalogueBytes(records.size(), current, 0, records));
-  }
-
-  static long long Blocks(const std::string& path) {
-#ifdef _WIN32
-    const HANDLE file = ::CreateFileW(fs::u8path(path).c_str(), 0,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return -1;
-    FILE_STANDARD_INFO info{};
-    const bool got = ::GetFileInformationByHandleEx(file, FileStandardInfo, &info, sizeof info);
-    return ::CloseHandle(file) && got ? info.AllocationSize.QuadPart : -1;
-#else
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_blocks) * 512 : -1;
-#endif
   }
 };
 
@@ -137,17 +119,6 @@ TEST_F(CreateFsTest, FailedRequestsKeepTheCatalogueAndUndoTheirDataFiles) {
 }
 
 using SpaceTest = CreateFsTest;
-
-TEST_F(SpaceTest, BasketFilesHoldTheirBlocks) {
-  fs::create_directories(Root('d'));
-  std::ofstream(Real('d', "probe")) << std::string(8192, 'x');
-  if (Blocks(Real('d', "probe")) <= 0) GTEST_SKIP() << "this file system counts no blocks";
-  ASSERT_EQ(StoreProbe().CreateFS(oneOnD, 1), FS_OK);
-  for (const char* ext : {".CDT", ".CIN", ".CTA"}) {
-    const std::string file = Real('d', std::string("MOLRA/FS000000") + ext);
-    EXPECT_GE(Blocks(file), FileSize(file)) << ext;
-  }
-}
 
 TEST_F(SpaceTest, AFullDriveOrAFailedWriteFailsCreation) {
   // On a store of one basket, two more on D. Writes: 6 a basket (head,

@@ -106,72 +106,58 @@ class TimelineTest : public StoreTest {
   std::unique_ptr<CMOLRA> reader;
 };
 
-TEST_F(TimelineTest, UtcHoursLandOnLocalDaysInAZoneAhead) {
-  Open({{At(10, 31, 15, 10), At(10, 31, 23, 30),
-         {Table(10, 31, {{3, 15, 10, 0x01010000u}, {3, 23, 30, 0x00010000u}})}}},
-       0, 0, -540);
-  EXPECT_EQ(Days(11), Marked({1}));  // 00:10 and 08:30 on 1 November
-  // The hour query takes a UTC day, the minute query a local hour.
-  EXPECT_EQ(Hours(10, 31), Cells(384, {{3 * 24 + 15, 0x01010000u}, {3 * 24 + 23, 0x00010000u}}));
-  EXPECT_EQ(Minutes(11, 1, 0, 3), Cells(60, {{10, 0x01010000u}}));
-}
-
-TEST_F(TimelineTest, BasketSpanningTwoMonthsGivesTheDaysOfEach) {
+TEST_F(TimelineTest, DaysComeFromEachMonthABasketSpansUtcHoursLandOnLocalDaysAndRefusalsClear) {
+  // Nine hours ahead: the hours of 31 January after 15:00 land on 1 February.
   Open({{At(1, 30, 10), At(2, 2, 8),
-         {Table(1, 30, {{0, 10, 0, 1}}), Table(1, 31, {{1, 5, 0, 1}}),
+         {Table(1, 30, {{0, 10, 0, 1}}),
+          Table(1, 31, {{3, 15, 10, 0x01010000u}, {3, 23, 30, 0x00010000u}}),
           Table(2, 1, {{2, 7, 0, 1}}), Table(2, 2, {{0, 8, 0, 1}})}},
         {At(2, 2, 9), At(2, 5, 12), {Table(2, 2, {{0, 9, 0, 1}}), Table(2, 5, {{15, 12, 0, 1}})}}},
-       1, 0);
+       1, 0, -540);
+  EXPECT_EQ(Days(1), Marked({30}));
   EXPECT_EQ(Days(2), Marked({1, 2, 5}));
-  EXPECT_EQ(Days(1), Marked({30, 31}));
+  // The hour query takes a UTC day, the minute query a local hour.
+  EXPECT_EQ(Hours(1, 31), Cells(384, {{3 * 24 + 15, 0x01010000u}, {3 * 24 + 23, 0x00010000u}}));
+  EXPECT_EQ(Minutes(2, 1, 0, 3), Cells(60, {{10, 0x01010000u}}));
+
+  // A refused query leaves a cleared output: a channel or an hour out of
+  // range, a store open to record or never opened.
+  answer = FS_ERR_PARAM;
+  for (const auto& [channel, hour] : {std::pair{-1L, 0L}, {16L, 0L}, {0L, -1L}, {0L, 24L}}) {
+    EXPECT_EQ(Minutes(2, 1, hour, channel), Cells(60)) << channel << ' ' << hour;
+  }
+  for (const bool recording : {true, false}) {
+    reader = std::make_unique<CMOLRA>();
+    ASSERT_TRUE(!recording || reader->OpenFS(0) == FS_OK);
+    answer = recording ? FS_ERR_MODE : FS_ERR_FILE;
+    EXPECT_EQ(std::make_tuple(Days(2), Hours(1, 31), Minutes(2, 1, 0, 3)),
+              std::make_tuple(Marked({}), Cells(384), Cells(60)));
+  }
 }
 
-TEST_F(TimelineTest, OlderBasketsCellWinsUnlessOnlyNewMarksAreRead) {
+TEST_F(TimelineTest, OlderBasketsCellWinsUnlessOnlyNewMarksAreReadAndProgressCountsBaskets) {
   Open({{At(3, 5, 10, 40), At(3, 6),  // the ring runs 2, 0, 1
          {Table(3, 5, {{2, 10, 15, 0x02000001u}, {2, 11, 0, 0x02000001u}}), Table(3, 6, {})}},
         {At(3, 7), At(3, 7), {Table(3, 7, {{2, 10, 15, 0x04000001u}})}},
         {At(3, 5, 9), At(3, 5, 10, 30), {Table(3, 5, {{2, 10, 15, 0x01000001u}})}}},
        1, 2);
-  EXPECT_EQ(Hours(3, 5), Cells(384, {{2 * 24 + 10, 0x01000001u}, {2 * 24 + 11, 0x02000001u}}));
+  // Progress counts the baskets from the oldest, up to the first that does
+  // not hold the day.
+  Texts progress;
+  EXPECT_EQ(Hours(3, 5, &progress),
+            Cells(384, {{2 * 24 + 10, 0x01000001u}, {2 * 24 + 11, 0x02000001u}}));
+  EXPECT_EQ(progress.seen, (std::vector<std::string>{"33", "66", "100"}));
   EXPECT_EQ(Minutes(3, 5, 10, 2), Cells(60, {{15, 0x01000001u}}));
+  // A table that cannot be opened is passed over.
+  std::filesystem::remove(Real('d', "MOLRA/FS000001.CTA"));
+  std::filesystem::create_directory(Real('d', "MOLRA/FS000001.CTA"));
+  EXPECT_EQ(Hours(3, 7), Cells(384));
   // Marked by the writer after the reader opened: the query reloads the
   // catalogue, and the hour query then reads only such baskets.
   (*writer->m_ppBasket)[0].dwFlags = 1;
   ASSERT_EQ(writer->SaveFSInfo(-1), FS_OK);
   EXPECT_EQ(Hours(3, 5), Cells(384, {{2 * 24 + 10, 0x02000001u}, {2 * 24 + 11, 0x02000001u}}));
   EXPECT_EQ(Minutes(3, 5, 10, 2), Cells(60, {{15, 0x01000001u}}));
-}
-
-TEST_F(TimelineTest, ProgressCountsBasketsFromTheOldest) {
-  Open({{At(4, 4), At(4, 4), {Table(4, 4, {{9, 23, 0, 1}})}},  // the ring runs 1, 2, 3, 0
-        {At(4, 1), At(4, 1, 5), {Table(4, 1, {{0, 1, 0, 1}})}},
-        {At(4, 1, 6), At(4, 2), {Table(4, 1, {{0, 6, 0, 1}}), Table(4, 2, {})}},
-        {At(4, 3), At(4, 3), {Table(4, 3, {})}}},
-       0, 1);
-  // A table that cannot be opened is skipped, and the walk goes on.
-  std::filesystem::remove(Real('d', "MOLRA/FS000001.CTA"));
-  std::filesystem::create_directory(Real('d', "MOLRA/FS000001.CTA"));
-  Texts first, last;
-  EXPECT_EQ(Hours(4, 1, &first), Cells(384, {{6, 1}}));
-  EXPECT_EQ(first.seen, (std::vector<std::string>{"25", "50", "75"}));
-  EXPECT_EQ(Hours(4, 4, &last), Cells(384, {{9 * 24 + 23, 1}}));
-  EXPECT_EQ(last.seen, std::vector<std::string>{"100"});
-}
-
-TEST_F(TimelineTest, RefusedCallsLeaveAClearedOutput) {
-  Open({{}});
-  answer = FS_ERR_PARAM;
-  for (const auto& [channel, hour] : {std::pair{-1L, 0L}, {16L, 0L}, {0L, -1L}, {0L, 24L}}) {
-    EXPECT_EQ(Minutes(3, 5, hour, channel), Cells(60)) << channel << ' ' << hour;
-  }
-  for (const bool recording : {false, true}) {  // else never opened
-    reader = std::make_unique<CMOLRA>();
-    ASSERT_TRUE(!recording || reader->OpenFS(0) == FS_OK);
-    answer = recording ? FS_ERR_MODE : FS_ERR_FILE;
-    EXPECT_EQ(Days(3), Marked({}));
-    EXPECT_EQ(Hours(3, 5), Cells(384));
-    EXPECT_EQ(Minutes(3, 5, 0, 0), Cells(60));
-  }
 }
 
 TEST_F(TimelineTest, RecordCutShortCountsAsUnreadableInBothReadModes) {

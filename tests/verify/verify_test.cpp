@@ -8,32 +8,19 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <map>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/fault_injection.h"
-#include "playback/playback_fixture.h"
+#include "recording/recording_fixture.h"
 #include "verify/store_verifier.h"
 
 namespace molra_test {
 namespace {
 
-constexpr DWORD kLength = 8;  // of every payload
-constexpr DWORD Chunk(int i) { return 16 + (sizeof(_tagCHUNKHDR) + kLength) * i; }
-constexpr DWORD Node(int i) { return 28 + 41 * i; }
-constexpr DWORD RecordAt(int n) { return 32 + 128 * n; }
-
-Bytes Word(DWORD value) { return Bytes(reinterpret_cast<const char*>(&value), sizeof value); }
-DWORD WordIn(const Bytes& bytes, size_t offset) {
-  DWORD value = 0;
-  bytes.copy(reinterpret_cast<char*>(&value), sizeof value, offset);
-  return value;
-}
+constexpr DWORD RecordAt(int n) { return kHead + kRec * n; }
 
 std::string Describe(const std::vector<molra::Finding>& findings) {
   std::string text;
@@ -43,16 +30,11 @@ std::string Describe(const std::vector<molra::Finding>& findings) {
   return text;
 }
 
-class VerifyTest : public PlaybackTest {
+class VerifyTest : public DamageTest {
  protected:
-  // A chunk of `channel` at `t` with `info` in its flags; a save the power
-  // may cut need not succeed.
-  void SaveInfo(const SYSTEMTIME& t, int channel, DWORD info, bool mayFail = false) {
-    _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), info, kLength};
-    std::vector<BYTE> bytes = Payload(channel, t, kLength);
-    DWORD remaining = 0;
-    const LONG result = recorder.SaveData(&chunk, bytes.data(), &remaining, 0);
-    ASSERT_TRUE(mayFail || result == FS_OK) << result;
+  // A chunk of `channel` at `t` with `info` in its flags.
+  void SaveInfo(const SYSTEMTIME& t, int channel, DWORD info) {
+    ASSERT_EQ(SaveWith(recorder, channel, t, info), FS_OK);
   }
   // Three baskets: basket 1 aged at its front (day 17 cut away), basket 2
   // a plain chain of 20 chunks at 38-byte strides, basket 0 reused with
@@ -77,19 +59,6 @@ class VerifyTest : public PlaybackTest {
     for (const int channel : {0, 3, 15}) ASSERT_EQ(recorder.SaveTimeWrite(At(2, 0, 0), channel), 1);
     recorder.CloseFS();
   }
-  // Every file on the test's drives, and a hash of its bytes.
-  std::map<std::string, size_t> Files() const {
-    std::map<std::string, size_t> files;
-    const auto drives = std::filesystem::path(Root('c')).parent_path();
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(drives)) {
-      const std::string path = entry.path().string();
-      if (entry.is_regular_file()) files[path] = std::hash<Bytes>()(ReadAll(path));
-    }
-    return files;
-  }
-  void Fresh() {
-    for (const char drive : {'c', 'd'}) std::filesystem::remove_all(Root(drive));
-  }
 };
 
 TEST_F(VerifyTest, AnIntactStoreHasNoFindingsAndIsOnlyRead) {
@@ -101,10 +70,10 @@ TEST_F(VerifyTest, AnIntactStoreHasNoFindingsAndIsOnlyRead) {
   ASSERT_NO_FATAL_FAILURE(Fill());
   // Shapes that are no fault: basket 1's front aged (its root moved), and
   // a left link in basket 0.
-  EXPECT_NE(WordIn(ReadAll(Real('d', "MOLRA/FS000001.CIN"), 28), 8), Node(0));
-  const Bytes nodes = ReadAll(Real('d', "MOLRA/FS000000.CIN"), Node(13));
+  EXPECT_NE(Get<DWORD>(ReadAll(Real('d', "MOLRA/FS000001.CIN"), 28), 8), NodeAt(0));
+  const Bytes nodes = ReadAll(Real('d', "MOLRA/FS000000.CIN"), NodeAt(13));
   DWORD left = 0;
-  for (int i = 0; i < 13; ++i) left |= WordIn(nodes, Node(i) + 4);
+  for (int i = 0; i < 13; ++i) left |= Get<DWORD>(nodes, NodeAt(i) + 4);
   EXPECT_NE(left, 0u);
   const auto before = Files();
   std::vector<std::pair<DWORD, DWORD>> progress;
@@ -128,33 +97,33 @@ const char* const kCin = "D:\\MOLRA\\FS000002.CIN";
 const char* const kCdt = "D:\\MOLRA\\FS000002.CDT";
 const char* const kCta = "D:\\MOLRA\\FS000002.CTA";
 const char* const kCft = "C:\\FSDIR\\MOLRA.CFT";
-const char* const kDay = "C:\\FSDIR\\QS\\20101118.sti";
+const char* const kDayFile = "C:\\FSDIR\\QS\\20101118.sti";
 
 const Fault kFaults[] = {
-    {kCin, Node(4) + 8, Word(0), Node(4)},               // lost link
-    {kCin, 0, Bytes(28, '\0'), 0},                       // zeroed header
-    {kCin, Node(7) + 30, "x?", Node(7)},                 // torn node
-    {kCin, Node(10) + 20, "", Node(10)},                 // cut short
-    {kCin, 24, Word(7), 24},                             // count off
-    {kCin, Node(5) + 21 + 8, "01", Node(5)},             // key out of order
-    {kCdt, Chunk(3) + 21, "\x09", Chunk(3)},             // header disagrees with its node
-    {kCdt, Chunk(17), Bytes(3 * 38, '\0'), Chunk(17)},   // last chunks never written
-    {kCdt, 8, Word(Chunk(19)), 8},                       // chunk past the write position
-    {kCdt, 2, "MOLRO", 2},                               // bad magic
-    {kCdt, 8, Word(67108864 + 100), 8},                  // write position out of the file
-    {kCdt, 1 << 20, "", 1 << 20},                        // short data file
-    {kCta, kGone, "", 0},                                // missing basket file
-    {kCta, kHourCell, Word(0), kHourCell},               // hour cell missing for a node
-    {kCta, kMinuteCell + 3, Bytes(1, '\0'), kMinuteCell}, // event bits missing
-    {kCta, 0, Bytes(4096, '\0'), 0},                     // zeroed 4 KiB page
-    {kCft, 8, Word(4), 8},                               // count past the records
-    {kCft, 12, Word(3), 12},                             // dwCurrent past the list
-    {kCft, 16, Word(9), 16},                             // dwOldest past the list
+    {kCin, NodeAt(4) + 8, Word(0), NodeAt(4)},              // lost link
+    {kCin, 0, Bytes(28, '\0'), 0},                          // zeroed header
+    {kCin, NodeAt(7) + 30, "x?", NodeAt(7)},                // torn node
+    {kCin, NodeAt(10) + 20, "", NodeAt(10)},                // cut short
+    {kCin, 24, Word(7), 24},                                // count off
+    {kCin, NodeAt(5) + 21 + 8, "01", NodeAt(5)},            // key out of order
+    {kCdt, ChunkAt(3) + 21, "\x09", ChunkAt(3)},            // header disagrees with its node
+    {kCdt, ChunkAt(17), Bytes(3 * 38, '\0'), ChunkAt(17)},  // last chunks never written
+    {kCdt, 8, Word(ChunkAt(19)), 8},                        // chunk past the write position
+    {kCdt, 2, "MOLRO", 2},                                  // bad magic
+    {kCdt, 8, Word(67108864 + 100), 8},                     // write position out of the file
+    {kCdt, 1 << 20, "", 1 << 20},                           // short data file
+    {kCta, kGone, "", 0},                                   // missing basket file
+    {kCta, kHourCell, Word(0), kHourCell},                  // hour cell missing for a node
+    {kCta, kMinuteCell + 3, Bytes(1, '\0'), kMinuteCell},   // event bits missing
+    {kCta, 0, Bytes(4096, '\0'), 0},                        // zeroed 4 KiB page
+    {kCft, 8, Word(4), 8},                                  // count past the records
+    {kCft, 12, Word(3), 12},                                // dwCurrent past the list
+    {kCft, 16, Word(9), 16},                                // dwOldest past the list
     {kCft, RecordAt(2) + 120, Word(5), RecordAt(2) + 120},  // chunk count disagrees
     {kCft, RecordAt(2) + 84, "\xDB", RecordAt(2) + 84},     // stFirst after stLast
     {kCft, RecordAt(2) + 124, Word(3), RecordAt(2) + 124},  // flags beyond bit 0
-    {kDay, 3 * 25, "\x09", 75},                          // bad row
-    {kDay, 26, "0", 26},                                 // a '0' hour byte
+    {kDayFile, 3 * 25, "\x09", 75},                         // bad row
+    {kDayFile, 26, "0", 26},                                // a '0' hour byte
 };
 
 TEST_F(VerifyTest, EachKindOfDamageIsFoundInItsFile) {
@@ -169,9 +138,7 @@ TEST_F(VerifyTest, EachKindOfDamageIsFoundInItsFile) {
     } else if (d.bytes.empty()) {
       std::filesystem::resize_file(real, d.at);
     } else {
-      std::fstream(real, std::ios::binary | std::ios::in | std::ios::out)
-          .seekp(d.at)
-          .write(d.bytes.data(), static_cast<long>(d.bytes.size()));
+      Poke(real, d.at, d.bytes);
     }
     std::vector<molra::Finding> findings;
     ASSERT_TRUE(molra::VerifyStore(&findings));
@@ -200,14 +167,14 @@ TEST_F(VerifyTest, ACutSaveLeavesOnlyWhatARecordingOpenRepairs) {
       ASSERT_EQ(recorder.OpenFS(0), FS_OK);
       if (rollover) NextBasket();
       faults->CutPowerAtWrite(cut);
-      SaveInfo(At(3, 0, 0), 5, 0x02010000, true);
+      SaveWith(recorder, 5, At(3, 0, 0), 0x02010000);  // need not succeed
       recorder.CloseFS();
     }
     std::vector<molra::Finding> findings;
     ASSERT_TRUE(molra::VerifyStore(&findings));
     const Bytes catalogue = ReadAll(Real('c', "FSDIR/MOLRA.CFT"));
-    const DWORD current = WordIn(catalogue, 12);
-    if (current == 1 && WordIn(catalogue, RecordAt(1) + 120) == 5) {
+    const DWORD current = Get<DWORD>(catalogue, 12);
+    if (current == 1 && Get<DWORD>(catalogue, RecordAt(1) + 120) == 5) {
       // The head moved on to basket 1 and its record was lost: the record
       // still counts the last cycle's chunks, and no open sets it right.
       EXPECT_NE(Describe(findings).find("MOLRA.CFT at 280: basket 1: dwChunks 5"),
