@@ -32,25 +32,28 @@ void KeyOf(DWORD i, char* key) {
 }
 
 // Writes a full index: the chain that in-order recording leaves.
-void WriteChain(const std::string& realPath) {
+bool WriteChain(const std::string& realPath) {
   std::vector<_tagIDXNODE> nodes(kNodes);
   for (DWORD i = 0; i < kNodes; ++i) {
     _tagIDXNODE& node = nodes[i];
     std::memset(&node, 0, sizeof node);
-    const DWORD offset = molra::kRootOffset + i * molra::kNodeSize;
+    const DWORD offset = molra::NodeAt(i);
     node.dwParent = i == 0 ? 0 : offset - molra::kNodeSize;
     node.dwRight = i + 1 == kNodes ? 0 : offset + molra::kNodeSize;
     node.Ref.cChannel = static_cast<signed char>(i % 16);
     node.Ref.dwOffset = 16 + i * 1000;
     KeyOf(i, node.cKey);
   }
-  _tagIDXHDR head = {{'Y', 'K'}, 256, 0, molra::kRootOffset,
-                     molra::kRootOffset + (kNodes - 1) * molra::kNodeSize, molra::kRootOffset,
-                     molra::kRootOffset + (kNodes - 1) * molra::kNodeSize, kNodes};
+  _tagIDXHDR head = molra::EmptyIndexHeader();
+  head.dwRoot = head.dwFirst = molra::kRootOffset;
+  head.dwEnd = head.dwLast = molra::NodeAt(kNodes - 1);
+  head.dwCount = kNodes;
   std::ofstream out(realPath, std::ios::binary);
   out.write(reinterpret_cast<const char*>(&head), sizeof head);
   out.write(reinterpret_cast<const char*>(nodes.data()),
             static_cast<std::streamsize>(nodes.size() * sizeof(_tagIDXNODE)));
+  out.close();
+  return !out.fail();
 }
 
 struct Figures {
@@ -95,7 +98,10 @@ int main() {
   if (!::mkdtemp(dir)) return 1;
   molra::platform::SetDriveRoot('C', dir);
   std::filesystem::create_directories(std::string(dir) + "/BENCH");
-  WriteChain(std::string(dir) + "/BENCH/FS000000.CIN");
+  if (!WriteChain(std::string(dir) + "/BENCH/FS000000.CIN")) {
+    std::fprintf(stderr, "cannot write the index under %s\n", dir);
+    return 1;
+  }
 
   char key[molra::kKeyLength];
   KeyOf(kNodes - 1, key);

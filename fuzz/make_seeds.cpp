@@ -145,7 +145,7 @@ void Damaged() {
   const char foreign[4] = {'Z', 'Z', 0, 0};
   Machine().Put(index, 0, foreign, sizeof foreign);
   DWORD offset = 0;
-  Machine().Get(index, molra::kRootOffset + 3 * molra::kNodeSize + 17, &offset, 4);
+  Machine().Get(index, molra::NodeAt(3) + 17, &offset, 4);
   const WORD month = 13;
   Machine().Put(BasketPath(2) + molra::kDataExt, offset + 3, &month, 2);
   const DWORD head = 100;

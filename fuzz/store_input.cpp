@@ -219,7 +219,7 @@ std::string BasketPath(unsigned basket) {
 
 SYSTEMTIME NodeStamp(unsigned basket, DWORD node) {
   char key[molra::kKeyLength + 1] = {};
-  const DWORD at = molra::kRootOffset + node * molra::kNodeSize + offsetof(_tagIDXNODE, cKey);
+  const DWORD at = molra::NodeAt(node) + offsetof(_tagIDXNODE, cKey);
   Machine().Get(BasketPath(basket) + molra::kIndexExt, at, key, molra::kKeyLength);
   const auto field = [&](int start, int width) {
     char digits[8] = {};

@@ -19,9 +19,6 @@ namespace detail {
 
 namespace {
 
-using molra::kNodeSize;
-using molra::kRootOffset;
-
 constexpr DWORD kTopBit = 0x80000000u;
 constexpr DWORD kDataHead = sizeof(_tagDATAHDR);
 constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
@@ -29,7 +26,6 @@ constexpr DWORD kChunkHead = sizeof(_tagCHUNKHDR);
 // show), then about a megabyte.
 constexpr DWORD kFirstBlockNodes = 64 * 1024 / kNodeSize;
 constexpr DWORD kBlockNodes = 1024 * 1024 / kNodeSize;
-using molra::kRoomNodes;
 
 // A node as an insert writes it: a key of 20 digits, a parent link to a
 // node boundary, the chunk of a channel inside the data file. Its child
@@ -153,7 +149,9 @@ DWORD Reach(const std::vector<_tagIDXNODE>& nodes, DWORD count, DWORD root) {
     ++total;
     for (const bool left : {true, false}) {
       const DWORD child = Link(nodes[k], left);
-      if (child > NodeAt(k) && OnNodeBoundary(child) && NodeSlot(child) < count) reached[NodeSlot(child)] = 1;
+      if (child > NodeAt(k) && OnNodeBoundary(child) && NodeSlot(child) < count) {
+        reached[NodeSlot(child)] = 1;
+      }
     }
   }
   return total;
@@ -243,7 +241,8 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
     kept = k + 1;
     for (const bool left : {true, false}) {
       const DWORD child = Link(node, left);
-      if (child > offset && OnNodeBoundary(child) && child < NodeAt(limit) && linker[NodeSlot(child)] == 0) {
+      if (child > offset && OnNodeBoundary(child) && child < NodeAt(limit) &&
+          linker[NodeSlot(child)] == 0) {
         linker[NodeSlot(child)] = offset;
       }
     }
@@ -379,7 +378,8 @@ int CFsIndex::Check(CFsFile* data, DWORD writePos, const _tagFSBSKINFO* record,
     if (aged) {
       // Ageing moved the front and counted what it kept: both stay.
       h.dwRoot = head.dwRoot;
-      h.dwFirst = OnNodeBoundary(head.dwFirst) && NodeSlot(head.dwFirst) < kept ? head.dwFirst : h.dwRoot;
+      const bool firstKept = OnNodeBoundary(head.dwFirst) && NodeSlot(head.dwFirst) < kept;
+      h.dwFirst = firstKept ? head.dwFirst : h.dwRoot;
       h.dwCount = sameNodes ? head.dwCount : Reach(nodes, kept, h.dwRoot);
     } else {
       h.dwRoot = ends.root;

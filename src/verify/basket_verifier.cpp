@@ -263,11 +263,13 @@ void BasketCheck::ReadIndex() {
   m_haveHeader = m_indexSize >= sizeof m_header && m_index.Read(0, &m_header, sizeof m_header);
   if (!m_haveHeader) return;
   const _tagIDXHDR h = m_header;
-  const bool valid = h.cMagic[0] == 'Y' && h.cMagic[1] == 'K' && h.wVersion == 256;
+  const bool valid = IsIndexHeader(h);
   // The nodes the header names, read after it; a foreign header has the
   // whole room read, so that the tree behind it can be told.
   std::uint64_t want = NodeAt(kRoomNodes);
-  if (valid) want = h.dwEnd == 0 || !OnNodeBoundary(h.dwEnd) ? 0 : std::uint64_t{h.dwEnd} + kNodeSize;
+  if (valid) {
+    want = h.dwEnd == 0 || !OnNodeBoundary(h.dwEnd) ? 0 : std::uint64_t{h.dwEnd} + kNodeSize;
+  }
   want = std::min<std::uint64_t>(want, m_indexSize);
   m_indexBytes = m_index.ReadBlock(0, static_cast<DWORD>(want));
   m_indexBytes.resize(std::max<size_t>(m_indexBytes.size(), sizeof h));
@@ -319,7 +321,7 @@ void BasketCheck::CheckDataHead() {
 void BasketCheck::CheckIndex() {
   if (!m_haveHeader) return;
   const _tagIDXHDR h = m_header;
-  if (h.cMagic[0] != 'Y' || h.cMagic[1] != 'K' || h.wVersion != 256) {
+  if (!IsIndexHeader(h)) {
     IndexRepair rebuilt;
     if (!SnapshotIndex(m_indexBytes, h).Check(nullptr, 0, nullptr, &rebuilt)) rebuilt.kept = 0;
     // The zero head of an index as made: its first open writes a header.
@@ -457,7 +459,8 @@ void BasketCheck::CheckKeyOrder() {
           m_cin, link,
           Say("this node (key %.20s) hangs to the %s of the node at %u (key %.20s) "
               "without sorting %s it%s",
-              child.cKey, left ? "left" : "right", NodeAt(k), parent.cKey, left ? "before" : "after",
+              child.cKey, left ? "left" : "right", NodeAt(k), parent.cKey,
+              left ? "before" : "after",
               left ? "" : ", and lacks the top bit of dwInfo that appends unseen"),
           "nodes out of key order");
     }
@@ -559,7 +562,8 @@ void BasketCheck::CheckChunks() {
     m_report->Add(m_cdt, offsetof(_tagDATAHDR, dwWritePos),
                   Say("write position %u lies before the end %u of the chunk at %u that the "
                       "node at %u names",
-                      writePos, furthest, m_nodes[furthestSlot].Ref.dwOffset, NodeAt(furthestSlot)));
+                      writePos, furthest, m_nodes[furthestSlot].Ref.dwOffset,
+                      NodeAt(furthestSlot)));
   }
 }
 
