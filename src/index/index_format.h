@@ -76,9 +76,9 @@ constexpr DWORD kStampChars = 18;
 
 // Where the node in `slot` starts, the slot of a node's offset, and whether
 // an offset is where a node starts.
-inline DWORD NodeAt(DWORD slot) { return kRootOffset + slot * kNodeSize; }
-inline DWORD NodeSlot(DWORD offset) { return (offset - kRootOffset) / kNodeSize; }
-inline bool OnNodeBoundary(DWORD offset) {
+constexpr DWORD NodeAt(DWORD slot) { return kRootOffset + slot * kNodeSize; }
+constexpr DWORD NodeSlot(DWORD offset) { return (offset - kRootOffset) / kNodeSize; }
+constexpr bool OnNodeBoundary(DWORD offset) {
   return offset >= kRootOffset && (offset - kRootOffset) % kNodeSize == 0;
 }
 

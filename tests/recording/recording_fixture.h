@@ -74,7 +74,6 @@ class RecordingTest : public StoreTest {
   std::string Path(int n, const char* ext) const {
     return Real('d', "MOLRA/FS00000" + std::to_string(n) + ext);
   }
-  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
   Bytes Rec(int n) const { return Catalogue().substr(kHead + n * kRec, kRec); }
   _tagFSBSKINFO RecordOnDisk(int n) const { return Get<_tagFSBSKINFO>(Rec(n), 0); }
   // The catalogue and basket n's files, its data up to the sparse tail.
@@ -101,9 +100,9 @@ class RecordingTest : public StoreTest {
   Recorder rec;
 };
 
-// Where chunk i lies in a data file of 8-byte chunks, and node i in an index.
+// Where chunk i lies in a data file of 8-byte chunks.
 constexpr DWORD ChunkAt(int i) { return 16 + (sizeof(_tagCHUNKHDR) + 8) * i; }
-constexpr DWORD NodeAt(int i) { return 28 + 41 * i; }
+using molra::NodeAt;
 
 // A recorder and fresh players on a store that power cuts and failed
 // writes reach; chunks of 8 bytes, each a key frame.
@@ -123,7 +122,6 @@ class DamageTest : public PlaybackTest {
     }
     return files;
   }
-  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
   static LONG SaveWith(CMOLRA& store, int channel, const SYSTEMTIME& t, DWORD info = 0x10000) {
     _tagCHUNKHDR chunk{1, t, {}, static_cast<signed char>(channel), info, 8};
     std::vector<BYTE> bytes = Payload(channel, t, 8);

@@ -50,6 +50,7 @@ class StoreTest : public TempDrives {
  protected:
   std::string CataloguePath() const { return Real('c', "FSDIR/MOLRA.CFT"); }
   Bytes Catalogue() const { return ReadAll(CataloguePath()); }
+  std::string Log() const { return ReadAll(Real('c', "FSDIR/status.dat")); }
   void WriteCatalogue(const Bytes& bytes) const {
     std::filesystem::create_directories(Real('c', "FSDIR"));
     std::ofstream(CataloguePath(), std::ios::binary)
